@@ -1,0 +1,26 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS KeloAXLConfigLogger EXPORT KeloAXLConfigLoggerTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${KELO_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kelo)
+install(EXPORT KeloAXLConfigLoggerTargets
+  NAMESPACE KeloAXLConfigLogger::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KeloAXLConfigLogger)
+configure_package_config_file(cmake/KeloAXLConfigLoggerConfig.cmake.in
+  ${CMAKE_BINARY_DIR}/KeloAXLConfigLoggerConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KeloAXLConfigLogger)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/KeloAXLConfigLoggerConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${CMAKE_BINARY_DIR}/KeloAXLConfigLoggerConfig.cmake
+  ${CMAKE_BINARY_DIR}/KeloAXLConfigLoggerConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KeloAXLConfigLogger)
+configure_file(cmake/KeloAXLConfigLogger.pc.in ${CMAKE_BINARY_DIR}/KeloAXLConfigLogger.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/KeloAXLConfigLogger.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(EXISTS ${CMAKE_SOURCE_DIR}/data/KeloConfiguration.bundle)
+  install(DIRECTORY data/KeloConfiguration.bundle
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/kelo)
+endif()
