@@ -38,8 +38,9 @@ class SerialQueue {
 
   template <class F>
   void sync(F&& f) {
-    using Fn = std::remove_reference_t<F>;
-    syncImpl([](void* fn) { (*static_cast<Fn*>(fn))(); }, static_cast<void*>(&f));
+    auto call = [&f] { f(); };
+    using Call = decltype(call);
+    syncImpl([](void* c) { (*static_cast<Call*>(c))(); }, static_cast<void*>(&call));
   }
 
   // Runs the task at once on the caller's thread if the queue is idle, else posts it. Either
@@ -60,7 +61,9 @@ class SerialQueue {
 
   const std::string label_;
 
-  std::mutex mutex_;
+  // Posters' side: the lock, the tasks it guards and the count live together, so a burst of
+  // posts keeps them in the poster's cache while the worker polls its own line below.
+  alignas(64) std::mutex mutex_;
   std::vector<Task> pending_;  // guarded by mutex_
 
   // Tasks posted and not yet finished, plus one while a caller runs a task inline. Zero means
@@ -68,10 +71,12 @@ class SerialQueue {
   // the worker only ever takes away tasks that were counted.
   std::atomic<uint64_t> outstanding_{0};
 
-  std::atomic<uint32_t> wake_{0};  // 1 when the worker has been handed work
+  // Worker's side: written by posters only when the queue goes from idle to busy.
+  alignas(64) std::atomic<uint32_t> wake_{0};  // 1 when the worker has been handed work
   std::atomic<bool> sleeping_{false};
   std::atomic<bool> stopping_{false};
-  std::once_flag workerStarted_;
+
+  alignas(64) std::once_flag workerStarted_;
   std::thread worker_;
 };
 

@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# The main job: installs what is missing, builds the library and its tools (Release), and runs
+# kelo-sim, a simulated day of a background-scheduling daemon. Extra arguments go to kelo-sim
+# (for example --apps 50 --seed 7, or --json).
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+"$top/scripts/setup.sh"
+build=$top/build/release
+cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELO_BUILD_TESTS=OFF >/dev/null
+cmake --build "$build" -j"$(nproc)" --target kelo-sim kelo >/dev/null
+exec "$build/tools/kelo-sim/kelo-sim" "$@"
