@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <vector>
 
 #include "platform/Json.h"
 
@@ -48,6 +49,8 @@ struct State {
 };
 
 std::atomic<const State*> gState{nullptr};
+// Earlier resolutions, kept reachable for readers that may still hold them.
+std::vector<const State*>* gRetired = new std::vector<const State*>();
 std::atomic<bool> gSealed{false};
 std::mutex gInstallMutex;
 
@@ -105,8 +108,9 @@ void installOverrides(Overrides overrides) {
     std::abort();
   }
   std::lock_guard<std::mutex> lock(gInstallMutex);
-  gState.store(resolve(gState.load(std::memory_order_acquire), std::move(overrides)),
-               std::memory_order_release);
+  const State* previous = gState.load(std::memory_order_acquire);
+  if (previous != nullptr) gRetired->push_back(previous);
+  gState.store(resolve(previous, std::move(overrides)), std::memory_order_release);
 }
 
 void sealOverrides() { gSealed.store(true, std::memory_order_release); }
