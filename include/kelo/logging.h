@@ -3,7 +3,14 @@
  * Lines are formatted into a 512-byte buffer on the caller's stack (cut to 511 bytes) and
  * written at system-log level 6 by a synchronous call to the logger's queue, so none of these
  * may be called from a task running on a logger's own queue (a data source's dump callback).
- * While the chosen logger is off, nothing is formatted and nothing is written. */
+ * While the chosen logger is off, nothing is formatted and nothing is written.
+ *
+ * KELO_CLOG, KELO_CLOG_MASK and KELO_ConsoleLog are also function-like macros that test a
+ * one-byte gate inline before calling the function of the same name: with logging off a call
+ * costs one relaxed load and its arguments are not evaluated. The gates are open until the
+ * loggers exist (so the first call creates them), then follow "the detailed logger can write"
+ * (kelo_clog_gate) and "either logger can write" (kelo_clog_mask_gate). The functions test the
+ * loggers themselves as well, so calling them directly, as (KELO_CLOG)(...), behaves the same. */
 #ifndef KELO_LOGGING_H_
 #define KELO_LOGGING_H_
 
@@ -15,6 +22,10 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* Written by the library only. */
+extern KELO_EXPORT unsigned char kelo_clog_gate;
+extern KELO_EXPORT unsigned char kelo_clog_mask_gate;
 
 /* Switches the detailed logger's file on or off. Returns at once; the switch runs later on the
  * logger's queue, so a line logged straight afterwards may still be dropped. The simple logger
@@ -35,5 +46,15 @@ KELO_EXPORT void KELO_ConsoleLog(const char* message);
 #ifdef __cplusplus
 }
 #endif
+
+/* The macros name the functions inside their own expansion, which the preprocessor does not
+ * expand again: that is the real call. */
+#define KELO_CLOG(...) \
+  (__atomic_load_n(&kelo_clog_gate, __ATOMIC_RELAXED) ? KELO_CLOG(__VA_ARGS__) : (void)0)
+#define KELO_CLOG_MASK(...)                                                              \
+  (__atomic_load_n(&kelo_clog_mask_gate, __ATOMIC_RELAXED) ? KELO_CLOG_MASK(__VA_ARGS__) \
+                                                           : (void)0)
+#define KELO_ConsoleLog(message) \
+  (__atomic_load_n(&kelo_clog_gate, __ATOMIC_RELAXED) ? KELO_ConsoleLog(message) : (void)0)
 
 #endif /* KELO_LOGGING_H_ */

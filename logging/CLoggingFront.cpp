@@ -1,0 +1,90 @@
+// The exported C logging functions. Their names are also macros of kelo/logging.h, hence the
+// parentheses around each name below.
+#include "kelo/logging.h"
+
+#include <stdarg.h>
+
+#include <cstdio>
+#include <string>
+
+#include "kelo/KeloLogger.h"
+#include "logging/Gates.h"
+
+extern "C" {
+KELO_EXPORT unsigned char kelo_clog_gate = 1;
+KELO_EXPORT unsigned char kelo_clog_mask_gate = 1;
+}
+
+namespace kelo::logging {
+
+void setGates(bool detailed, bool either) {
+  __atomic_store_n(&kelo_clog_gate, static_cast<unsigned char>(detailed), __ATOMIC_RELAXED);
+  __atomic_store_n(&kelo_clog_mask_gate, static_cast<unsigned char>(either), __ATOMIC_RELAXED);
+}
+
+}  // namespace kelo::logging
+
+namespace {
+
+constexpr size_t kLineSize = 512;
+
+}  // namespace
+
+using kelo::KeloLogger;
+
+// Nothing may escape into C callers: a failure to create the loggers (out of memory, no thread)
+// drops the line, as a logger that cannot write does.
+
+extern "C" void(KELO_CLOGMODE)(bool mode) {
+  try {
+    KeloLogger::instance()->setLoggingMode(mode);
+  } catch (...) {
+  }
+}
+
+extern "C" void(KELO_CLOG)(const char* format, ...) {
+  try {
+    if (!KeloLogger::instance()->canWriteToFile() || format == nullptr) return;
+    char line[kLineSize];
+    va_list args;
+    va_start(args, format);
+    const int n = std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    if (n < 0) return;
+    KeloLogger::instance()->logToFileCString(line);
+  } catch (...) {
+  }
+}
+
+extern "C" void(KELO_CLOG_MASK)(uint64_t mask, const char* format, ...) {
+  try {
+    const bool detailedOn = KeloLogger::instance()->canWriteToFile();
+    const KeloLogger* simple = KeloLogger::instance(1);
+    const bool simpleOn = simple != nullptr && simple->canWriteToFile();
+    // The mask is not consulted yet: a line for a logger that is off is formatted and dropped.
+    if ((!detailedOn && !simpleOn) || format == nullptr) return;
+    char line[kLineSize];
+    va_list args;
+    va_start(args, format);
+    const int n = std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    if (n < 0) return;
+    if (KeloLogger* detailed = KeloLogger::instance(0);
+        detailed != nullptr && detailed->canWriteToFile() && (mask & 1) != 0) {
+      detailed->logToFileCString(line);
+    }
+    if (KeloLogger* again = KeloLogger::instance(1);
+        again != nullptr && again->canWriteToFile() && (mask & 2) != 0) {
+      again->logToFileCString(line);
+    }
+  } catch (...) {
+  }
+}
+
+extern "C" void(KELO_ConsoleLog)(const char* message) {
+  try {
+    if (!KeloLogger::instance()->canWriteToFile() || message == nullptr) return;
+    KeloLogger::instance()->logToFile(message);
+  } catch (...) {
+  }
+}
