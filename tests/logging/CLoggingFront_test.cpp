@@ -1,0 +1,287 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kelo/KeloLogger.h"
+#include "kelo/logging.h"
+#include "tests/support/Sandbox.h"
+
+namespace kelo {
+namespace {
+
+using test::Sandbox;
+
+// Remembers which path each descriptor was opened for and the order of the writes.
+class RecordingFileSystem : public platform::FileSystem {
+ public:
+  int open(const char* path, int flags, mode_t mode) override {
+    const int fd = FileSystem::open(path, flags, mode);
+    std::lock_guard<std::mutex> lock(mutex_);
+    paths_[fd] = path;
+    return fd;
+  }
+  ssize_t write(int fd, const void* data, size_t size) override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      writes_.push_back(paths_[fd]);
+    }
+    return FileSystem::write(fd, data, size);
+  }
+  std::vector<std::string> writes() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return writes_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<int, std::string> paths_;
+  std::vector<std::string> writes_;
+};
+
+std::vector<std::string> texts(const std::string& path) {
+  static const std::regex kLayout(
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] <Info>: (.*))");
+  std::vector<std::string> out;
+  for (const std::string& line : Sandbox::readLines(path)) {
+    std::smatch m;
+    if (!std::regex_match(line, m, kLayout)) {
+      ADD_FAILURE() << "malformed line: " << line;
+      continue;
+    }
+    out.push_back(m[1]);
+  }
+  return out;
+}
+
+class CLoggingFrontTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    files_ = std::make_shared<RecordingFileSystem>();
+    platform::Overrides o;
+    o.fileSystem = files_;
+    sandbox_.install(o);
+  }
+
+  std::string detailedPath() const {
+    return sandbox_.homePath() + "/Library/Logs/KeloLoggingDetailed.kelotest";
+  }
+  std::string simplePath() const {
+    return sandbox_.homePath() + "/Library/Logs/KeloLoggingSimple.kelotest";
+  }
+
+  // Switches the loggers as asked and returns once the switches ran.
+  static void switchLoggers(bool detailed, bool simple) {
+    KELO_CLOGMODE(detailed);
+    KeloLogger::instance(1)->setLoggingMode(simple);
+    drain();
+  }
+  static void drain() {
+    KeloLogger::instance(0)->logToFileCString(nullptr);
+    KeloLogger::instance(1)->logToFileCString(nullptr);
+  }
+
+  Sandbox sandbox_;
+  std::shared_ptr<RecordingFileSystem> files_;
+};
+
+TEST_F(CLoggingFrontTest, OffCostsNoArgumentEvaluationOnceTheLoggersExist) {
+  int evaluated = 0;
+  // Nothing exists yet: the gate lets the first call in, which creates both loggers.
+  EXPECT_EQ(kelo_clog_gate, 1);
+  EXPECT_EQ(kelo_clog_mask_gate, 1);
+  EXPECT_EQ(KeloLogger::instance(1), nullptr);
+  KELO_CLOG("%d", ++evaluated);
+  EXPECT_EQ(evaluated, 1);
+  ASSERT_NE(KeloLogger::instance(1), nullptr);
+  EXPECT_EQ(kelo_clog_gate, 0);
+  EXPECT_EQ(kelo_clog_mask_gate, 0);
+
+  KELO_CLOG("%d", ++evaluated);
+  KELO_CLOG_MASK(3, "%d", ++evaluated);
+  KELO_ConsoleLog((++evaluated, "x"));
+  EXPECT_EQ(evaluated, 1);
+  // The functions themselves, called past the gate, drop the line as well.
+  (KELO_CLOG)("%s", "direct");
+  (KELO_CLOG_MASK)(3, "%s", "direct");
+  (KELO_ConsoleLog)("direct");
+  drain();
+  EXPECT_FALSE(Sandbox::exists(detailedPath()));
+  EXPECT_FALSE(Sandbox::exists(simplePath()));
+}
+
+TEST_F(CLoggingFrontTest, GatesFollowTheLoggers) {
+  KeloLogger::instance();
+  const struct {
+    bool detailed, simple;
+    int clogGate, maskGate;
+  } cases[] = {{true, false, 1, 1}, {false, true, 0, 1}, {true, true, 1, 1}, {false, false, 0, 0}};
+  for (const auto& c : cases) {
+    switchLoggers(c.detailed, c.simple);
+    EXPECT_EQ(kelo_clog_gate, c.clogGate) << c.detailed << c.simple;
+    EXPECT_EQ(kelo_clog_mask_gate, c.maskGate) << c.detailed << c.simple;
+  }
+}
+
+TEST_F(CLoggingFrontTest, ModeSwitchesTheDetailedLoggerOnly) {
+  KELO_CLOGMODE(true);
+  drain();
+  EXPECT_TRUE(KeloLogger::instance()->canWriteToFile());
+  EXPECT_FALSE(KeloLogger::instance(1)->canWriteToFile());
+  KELO_CLOG("%s %d %lld %.2f", "mixed", -7, 1LL << 40, 2.5);
+  KELO_CLOGMODE(false);
+  drain();
+  KELO_CLOG("after off");
+  EXPECT_EQ(texts(detailedPath()), std::vector<std::string>{"mixed -7 1099511627776 2.50"});
+  EXPECT_FALSE(Sandbox::exists(simplePath()));
+}
+
+TEST_F(CLoggingFrontTest, LinesAreCutTo511BytesAndConsoleLogIsNoFormat) {
+  KELO_CLOGMODE(true);
+  drain();
+  std::string text;
+  for (int i = 0; text.size() < 600; ++i) text += std::to_string(i % 10);
+  text.resize(600);
+  KELO_CLOG("%s", text.c_str());
+  KELO_CLOG_MASK(1, "%s", text.c_str());
+  (KELO_CLOG)("%s", text.substr(0, 511).c_str());
+  (KELO_CLOG)("%s", text.substr(0, 510).c_str());
+  KELO_ConsoleLog("100%d done %s %% %n");
+  KELO_ConsoleLog(text.c_str());  // not cut: it is no formatted line
+  KELO_ConsoleLog(nullptr);
+  const std::string cut = text.substr(0, 511);
+  EXPECT_EQ(texts(detailedPath()), (std::vector<std::string>{cut, cut, cut, text.substr(0, 510),
+                                                             "100%d done %s %% %n", text}));
+}
+
+struct MaskCase {
+  uint64_t mask;
+  bool detailedOn;
+  bool simpleOn;
+};
+
+void PrintTo(const MaskCase& c, std::ostream* os) {
+  *os << "mask " << c.mask << (c.detailedOn ? ", detailed on" : ", detailed off")
+      << (c.simpleOn ? ", simple on" : ", simple off");
+}
+
+class MaskTest : public CLoggingFrontTest, public ::testing::WithParamInterface<MaskCase> {};
+
+TEST_P(MaskTest, LineGoesToEachSelectedLoggerThatIsOnDetailedFirst) {
+  const MaskCase c = GetParam();
+  KeloLogger::instance();
+  switchLoggers(c.detailedOn, c.simpleOn);
+  int evaluated = 0;
+  KELO_CLOG_MASK(c.mask, "mask %llu n=%d", static_cast<unsigned long long>(c.mask), ++evaluated);
+  drain();
+
+  const bool toDetailed = c.detailedOn && (c.mask & 1) != 0;
+  const bool toSimple = c.simpleOn && (c.mask & 2) != 0;
+  const std::vector<std::string> line{"mask " + std::to_string(c.mask) + " n=1"};
+  EXPECT_EQ(texts(detailedPath()), toDetailed ? line : std::vector<std::string>{});
+  EXPECT_EQ(texts(simplePath()), toSimple ? line : std::vector<std::string>{});
+  // Arguments are evaluated (and the line formatted) whenever either logger is on.
+  EXPECT_EQ(evaluated, c.detailedOn || c.simpleOn ? 1 : 0);
+
+  std::vector<std::string> expectedWrites;
+  if (toDetailed) expectedWrites.push_back(detailedPath());
+  if (toSimple) expectedWrites.push_back(simplePath());
+  EXPECT_EQ(files_->writes(), expectedWrites);
+}
+
+std::vector<MaskCase> allMaskCases() {
+  std::vector<MaskCase> cases;
+  for (uint64_t mask : {0ULL, 1ULL, 2ULL, 3ULL, 0xFFFFFFFFFFFFFFFCULL}) {
+    for (bool detailed : {false, true}) {
+      for (bool simple : {false, true}) cases.push_back({mask, detailed, simple});
+    }
+  }
+  return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllCombinations, MaskTest, ::testing::ValuesIn(allMaskCases()),
+                         [](const auto& info) {
+                           const MaskCase& c = info.param;
+                           return "Mask" + std::to_string(c.mask & 0xFF) +
+                                  (c.detailedOn ? "_DetailedOn" : "_DetailedOff") +
+                                  (c.simpleOn ? "_SimpleOn" : "_SimpleOff");
+                         });
+
+TEST_F(CLoggingFrontTest, EightThreadsGiveExactlyTheLinesSentNoneTorn) {
+  KeloLogger::instance();
+  switchLoggers(true, true);
+  constexpr int kThreads = 8;
+  constexpr int kLines = 400;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      const std::string padding(static_cast<size_t>(20 + 40 * t), static_cast<char>('a' + t));
+      for (int i = 0; i < kLines; ++i) {
+        if (t % 2 == 0) {
+          KELO_CLOG("thread %d line %d %s", t, i, padding.c_str());
+        } else {
+          KELO_CLOG_MASK(3, "thread %d line %d %s", t, i, padding.c_str());
+        }
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+
+  auto check = [&](const std::string& path, bool onlyMasked) {
+    std::map<int, int> next;  // per thread, the line expected next: each thread's order holds
+    size_t count = 0;
+    for (const std::string& text : texts(path)) {
+      int t = -1, i = -1;
+      char rest[512] = {};
+      ASSERT_EQ(std::sscanf(text.c_str(), "thread %d line %d %511s", &t, &i, rest), 3) << text;
+      ASSERT_TRUE(t >= 0 && t < kThreads) << text;
+      EXPECT_EQ(std::string(rest), std::string(static_cast<size_t>(20 + 40 * t),
+                                               static_cast<char>('a' + t)));
+      EXPECT_EQ(i, next[t]++) << text;
+      ++count;
+    }
+    const int writers = onlyMasked ? kThreads / 2 : kThreads;
+    EXPECT_EQ(count, static_cast<size_t>(writers * kLines));
+    for (const auto& [t, n] : next) EXPECT_EQ(n, kLines) << "thread " << t;
+  };
+  check(detailedPath(), false);
+  check(simplePath(), true);
+}
+
+TEST_F(CLoggingFrontTest, SwitchingWhileOtherThreadsLogKeepsEveryWrittenLineWhole) {
+  KeloLogger::instance();
+  std::atomic<bool> done{false};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([t, &done] {
+      for (int i = 0; !done.load(); ++i) {
+        KELO_CLOG("writer %d line %d", t, i);
+        KELO_CLOG_MASK(2, "writer %d masked %d", t, i);
+      }
+    });
+  }
+  for (int round = 0; round < 100; ++round) {
+    KELO_CLOGMODE(round % 2 == 0);
+    KeloLogger::instance(1)->setLoggingMode(round % 3 == 0);
+  }
+  switchLoggers(false, false);
+  done = true;
+  for (std::thread& t : writers) t.join();
+
+  std::set<std::string> seen;
+  for (const std::string& path : {detailedPath(), simplePath()}) {
+    for (const std::string& text : texts(path)) {
+      EXPECT_TRUE(std::regex_match(text, std::regex(R"(writer \d (line|masked) \d+)"))) << text;
+      EXPECT_TRUE(seen.insert(text).second) << "written twice: " << text;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kelo
