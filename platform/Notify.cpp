@@ -158,6 +158,7 @@ uint32_t statusForOpenError(int error) {
     case EACCES:
     case EPERM:
     case EROFS:
+    case EISDIR:
     case ENXIO:  // a socket
       return kNotifyStatusNotAuthorized;
     default:
