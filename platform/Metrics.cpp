@@ -49,6 +49,24 @@ void wrappingAddFunction(sqlite3_context* context, int, sqlite3_value** argv) {
                        wrappingAdd(sqlite3_value_int64(argv[0]), sqlite3_value_int64(argv[1])));
 }
 
+// SQLite's own busy timeout sleeps in steps of up to 100 ms, so several processes writing at once
+// spend most of their time asleep. This one polls in short, growing, jittered steps up to the
+// same overall limit. `context` points at the limit in milliseconds.
+int busyHandler(void* context, int attempt) {
+  using Clock = std::chrono::steady_clock;
+  thread_local Clock::time_point started;
+  if (attempt == 0) started = Clock::now();
+  const int limitMs = *static_cast<const int*>(context);
+  if (Clock::now() - started >= std::chrono::milliseconds(limitMs)) return 0;
+  const int shift = attempt < 5 ? attempt : 5;
+  const long base = 50L << shift;  // 50 us .. 1.6 ms
+  // Jitter from the clock and the pid, so that processes started together drift apart.
+  const auto noise = static_cast<unsigned long>(Clock::now().time_since_epoch().count()) ^
+                     (static_cast<unsigned long>(::getpid()) * 2654435761UL);
+  ::usleep(static_cast<useconds_t>(base + static_cast<long>(noise % static_cast<unsigned long>(base))));
+  return 1;
+}
+
 bool makeFolders(const std::string& path) {
   for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
     const std::string prefix = slash == std::string::npos ? path : path.substr(0, slash);
@@ -132,8 +150,8 @@ class SqliteStore {
                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
                              nullptr);
     if (rc == SQLITE_OK) {
-      appliedTimeoutMs_ = gBusyTimeoutMs.load(std::memory_order_relaxed);
-      sqlite3_busy_timeout(db, appliedTimeoutMs_);
+      timeoutMs_ = gBusyTimeoutMs.load(std::memory_order_relaxed);
+      sqlite3_busy_handler(db, busyHandler, &timeoutMs_);
       // WAL: one sync per commit, and readers never wait for the writer.
       rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
     }
@@ -160,11 +178,7 @@ class SqliteStore {
 
   bool executeLocked(Op op, const std::string& key, int64_t value, std::string* error) {
     if (!openLocked(error)) return false;
-    const int timeout = gBusyTimeoutMs.load(std::memory_order_relaxed);
-    if (timeout != appliedTimeoutMs_) {
-      appliedTimeoutMs_ = timeout;
-      sqlite3_busy_timeout(db_, timeout);
-    }
+    timeoutMs_ = gBusyTimeoutMs.load(std::memory_order_relaxed);
     sqlite3_stmt* statement = op == Op::kSet ? set_ : add_;
     sqlite3_bind_text(statement, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     sqlite3_bind_int64(statement, 2, value);
@@ -234,7 +248,7 @@ class SqliteStore {
   sqlite3_stmt* set_ = nullptr;
   sqlite3_stmt* add_ = nullptr;
   std::string path_;
-  int appliedTimeoutMs_ = 0;
+  int timeoutMs_ = 0;  // read by busyHandler during a statement
   std::vector<Kept> kept_;
   std::unordered_map<std::string, size_t> keptIndex_;
   bool failing_ = false;  // inside a failure episode, already reported
@@ -293,12 +307,13 @@ MetricsReadResult readMetricsDatabase(const std::string& path) {
       result.error = "not a metrics database: " + path + ": not a regular file";
       return result;
     }
+    int timeoutMs = gBusyTimeoutMs.load(std::memory_order_relaxed);
     sqlite3* db = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX,
                              nullptr);
     sqlite3_stmt* select = nullptr;
     if (rc == SQLITE_OK) {
-      sqlite3_busy_timeout(db, gBusyTimeoutMs.load(std::memory_order_relaxed));
+      sqlite3_busy_handler(db, busyHandler, &timeoutMs);
       rc = sqlite3_prepare_v2(db, kSelectSql, -1, &select, nullptr);
     }
     while (rc == SQLITE_OK) {
