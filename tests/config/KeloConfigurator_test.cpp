@@ -1,0 +1,385 @@
+#include "kelo/KeloConfigurator.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/ConfigKeys.h"
+#include "kelo/config.h"
+#include "kelo/vsl.h"
+#include "tests/config/ConfigTestSupport.h"
+
+namespace kelo {
+namespace {
+
+using test::kMobileBundle;
+using test::kSystemBundle;
+using test::Sandbox;
+
+constexpr const char* kMissingLine = "Kelo keyword missing in dict ";
+
+Value dict(Value::Dictionary d) { return Value::dictionary(std::move(d)); }
+Value integer(int64_t i) { return Value::integer(i); }
+
+class KeloConfiguratorTest : public ::testing::Test {
+ protected:
+  // Installs the sandbox with "hw.machine" answering `model`.
+  void install(const std::string& model = "x86_64") {
+    files_ = std::make_shared<test::CountingFileSystem>();
+    platform::Overrides o;
+    o.deviceAnswers = dict({{"hw.machine", Value::string(model)}});
+    o.fileSystem = files_;
+    sandbox_.install(o);
+  }
+  void writeOverride(const std::string& json) {
+    test::writeDomainFile(sandbox_, "com.vorn.Kelo", R"({"overideConfig": )" + json + "}");
+  }
+  std::vector<std::string> missingLines() const {
+    std::vector<std::string> out;
+    for (const std::string& t : test::detailedLogTexts(sandbox_)) {
+      if (t.rfind(kMissingLine, 0) == 0) out.push_back(t.substr(std::strlen(kMissingLine)));
+    }
+    return out;
+  }
+  // The dump's lines, captured through a system-log client attached to a temporary file.
+  std::vector<std::string> dump(KeloConfigurator& configurator) {
+    const std::string path = sandbox_.homePath() + "/dump.log";
+    std::remove(path.c_str());
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    vsl_client_t client = vsl_open("kelotest", "dump", VSL_OPT_NO_DELAY);
+    vsl_add_log_file(client, fd);
+    configurator.logAll(client, vsl_new(VSL_TYPE_MSG), VSL_LEVEL_INFO);
+    configurator.logLight(client, vsl_new(VSL_TYPE_MSG), VSL_LEVEL_INFO);
+    vsl_close(client);
+    ::close(fd);
+    std::vector<std::string> texts;
+    for (const std::string& line : Sandbox::readLines(path)) {
+      const size_t at = line.find("<Info>: ");
+      texts.push_back(at == std::string::npos ? line : line.substr(at + 8));
+    }
+    return texts;
+  }
+
+  Sandbox sandbox_;
+  std::shared_ptr<test::CountingFileSystem> files_;
+};
+
+TEST_F(KeloConfiguratorTest, WithoutBundleEveryKeyIsMissingAndTheOverrideIsNotRead) {
+  install();
+  writeOverride(R"({"commonDefaults": {"maxFetchApps": 7}})");
+  test::startDetailedLogging();
+  KeloConfigurator* c = KeloConfigurator::sharedInstance();
+  EXPECT_EQ(c, KeloConfigurator::sharedInstance());
+  EXPECT_EQ(c->getStateFor("maxFetchApps"), -1);
+  EXPECT_EQ(c->getStateFor("maxFetchApps"), -1);
+  EXPECT_EQ(getStateForC("globalPowerBudget"), -1);
+  EXPECT_EQ(c->appWhiteListArray(), nullptr);
+  EXPECT_TRUE(c->appBlackMap()->empty());
+  EXPECT_EQ(missingLines(),
+            (std::vector<std::string>{"maxFetchApps", "maxFetchApps", "globalPowerBudget"}));
+
+  // A reload that still finds no bundle changes nothing, not even through the override.
+  c->reloadBundleFromDisk();
+  EXPECT_EQ(c->getStateFor("maxFetchApps"), -1);
+  EXPECT_EQ(dump(*c), (std::vector<std::string>{"CONFIG-------->", "bundle (null)", "White list",
+                                                "Config Dictionary", "<--------CONFIG"}));
+}
+
+TEST_F(KeloConfiguratorTest, ShippedBundleSuppliesEveryKeyWithTheModelEntryOnTop) {
+  install("x86_64");
+  test::installShippedBundle(sandbox_);
+  test::startDetailedLogging();
+  KeloConfigurator* c = KeloConfigurator::sharedInstance();
+  for (const config::KeyInfo& key : config::kKeys) {
+    EXPECT_GE(c->getStateFor(std::string(key.name)), 0) << key.name;
+  }
+  EXPECT_TRUE(missingLines().empty());
+  EXPECT_GT(c->getStateFor("globalPowerBudget"), 0);
+  EXPECT_GT(c->getStateFor("fetchAppPowerBudget"), 0);
+  // The shipped entry for x86_64 overrides the base values of these keys.
+  const Value info = platform::readJsonFile(test::shippedBundleDirectory() + "/Info.json");
+  const Value* model = info.find("productSpecific")->find("x86_64");
+  ASSERT_NE(model, nullptr);
+  EXPECT_EQ(c->getStateFor("maxFetchApps"),
+            model->find("commonDefaults")->find("maxFetchApps")->integerValue());
+  EXPECT_NE(c->getStateFor("maxFetchApps"),
+            info.find("commonDefaults")->find("maxFetchApps")->integerValue());
+  EXPECT_EQ(c->appWhiteListArray()->size(), info.find("whitelist")->asArray().size());
+  EXPECT_EQ(c->appBlackMap()->size(), info.find("blacklist")->asArray().size());
+  EXPECT_TRUE(sandbox_.systemLines().empty());
+}
+
+TEST_F(KeloConfiguratorTest, MobileBundleReplacesTheSystemBundleWhole) {
+  install();
+  test::writeBundle(sandbox_, kSystemBundle, R"({
+    "blacklist": ["sys.black"], "whitelist": ["sys.white"],
+    "commonDefaults": {"maxFetchApps": 1, "coalesceTime": 9},
+    "productSpecific": {"x86_64": {"VPSD": {"globalTopicLimit": 9}}}})");
+  test::writeBundle(sandbox_, kMobileBundle, R"({
+    "bundleIdentifier": "com.vorn.KeloMobileConfig",
+    "blacklist": ["mobile.black"], "whitelist": ["mobile.white"],
+    "commonDefaults": {"maxFetchApps": 2}})");
+  KeloConfigurator c;
+  EXPECT_EQ(c.getStateFor("maxFetchApps"), 2);
+  EXPECT_EQ(c.getStateFor("coalesceTime"), -1);
+  EXPECT_EQ(c.getStateFor("globalTopicLimit"), -1);
+  EXPECT_EQ(*c.appBlackMap(), (Value::Dictionary{{"mobile.black", Value::boolean(true)}}));
+  EXPECT_EQ(*c.appWhiteListArray(), Value::Array{Value::string("mobile.white")});
+  EXPECT_EQ(dump(c)[1], "bundle com.vorn.KeloMobileConfig");
+}
+
+struct PrecedenceCase {
+  const char* name;
+  std::string model;
+  bool withOverride;
+  int64_t expected;
+  friend void PrintTo(const PrecedenceCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class PrecedenceTest : public KeloConfiguratorTest,
+                       public ::testing::WithParamInterface<PrecedenceCase> {};
+
+TEST_P(PrecedenceTest, BaseThenModelEntryThenOverride) {
+  const PrecedenceCase& p = GetParam();
+  install(p.model);
+  test::writeBundle(sandbox_, kSystemBundle, R"({
+    "commonDefaults": {"maxFetchApps": 3, "coalesceTime": 30},
+    "productSpecific": {"x86_64": {"commonDefaults": {"maxFetchApps": 5}},
+                        "Phone9,1": {"commonDefaults": {"coalesceTime": 99}}}})");
+  if (p.withOverride) writeOverride(R"({"commonDefaults": {"maxFetchApps": 7}})");
+  KeloConfigurator c;
+  EXPECT_EQ(c.getStateFor("maxFetchApps"), p.expected);
+  EXPECT_EQ(c.getStateFor("coalesceTime"), 30);  // only another model's entry sets it
+}
+
+INSTANTIATE_TEST_SUITE_P(Sources, PrecedenceTest,
+                         ::testing::Values(PrecedenceCase{"overrideWins", "x86_64", true, 7},
+                                           PrecedenceCase{"modelEntryBeatsBase", "x86_64", false,
+                                                          5},
+                                           PrecedenceCase{"otherModelOverride", "other", true, 7},
+                                           PrecedenceCase{"otherModelBase", "other", false, 3}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(KeloConfiguratorTest, WithoutCommonDefaultsOnlyTheListsAndTheOverrideLoad) {
+  install();
+  test::writeBundle(sandbox_, kSystemBundle, R"({
+    "blacklist": ["a.app", "b.app"], "fetchBudget": {"fetchAppDataBudget": 100},
+    "productSpecific": {"x86_64": {"commonDefaults": {"maxFetchApps": 5}}}})");
+  writeOverride(R"({"commonDefaults": {"disableFetch": true}})");
+  KeloConfigurator c;
+  EXPECT_EQ(c.appBlackMap()->size(), 2u);
+  EXPECT_EQ(c.appBlackMap()->at("a.app"), Value::boolean(true));
+  EXPECT_EQ(c.getStateFor("disableFetch"), 1);
+  for (const config::KeyInfo& key : config::kKeys) {
+    if (key.name != "disableFetch") {
+      EXPECT_EQ(c.getStateFor(std::string(key.name)), -1) << key.name;
+    }
+  }
+}
+
+TEST_F(KeloConfiguratorTest, ReloadKeepsValuesAndBlacklistButReplacesTheWhitelist) {
+  install();
+  test::writeBundle(sandbox_, kSystemBundle, R"({"bundleIdentifier": "com.vorn.KeloConfiguration",
+    "blacklist": ["old.black"], "whitelist": ["w.one", "w.two"],
+    "commonDefaults": {"globalPowerBudget": 5000, "maxFetchApps": 4}})");
+  KeloConfigurator c;
+  const auto whiteBefore = c.appWhiteListArray();
+  EXPECT_EQ(dump(c),
+            (std::vector<std::string>{"CONFIG-------->", "bundle com.vorn.KeloConfiguration",
+                                      "White list", "w.one", "w.two", "Config Dictionary",
+                                      "key: globalPowerBudget   value:5000",
+                                      "key: maxFetchApps   value:4", "<--------CONFIG"}));
+
+  test::writeBundle(sandbox_, kSystemBundle, R"({"bundleIdentifier": "com.vorn.KeloConfiguration",
+    "blacklist": ["new.black"], "commonDefaults": {"maxFetchApps": 6}})");
+  c.reloadBundleFromDisk();
+  EXPECT_EQ(c.getStateFor("globalPowerBudget"), 5000);
+  EXPECT_EQ(c.getStateFor("maxFetchApps"), 6);
+  EXPECT_EQ(c.appBlackMap()->count("old.black"), 1u);
+  EXPECT_EQ(c.appBlackMap()->count("new.black"), 1u);
+  EXPECT_EQ(c.appWhiteListArray(), nullptr);
+  EXPECT_EQ(whiteBefore->size(), 2u);  // a snapshot taken earlier is left as it was
+  EXPECT_EQ(dump(c), (std::vector<std::string>{
+                         "CONFIG-------->", "bundle com.vorn.KeloConfiguration", "White list",
+                         "Config Dictionary", "key: globalPowerBudget   value:5000",
+                         "key: maxFetchApps   value:6", "<--------CONFIG"}));
+
+  // A third source without the key leaves it; one with it replaces it.
+  c.loadConfigurations(dict({{"commonDefaults", dict({{"globalPowerBudget", integer(7000)}})}}));
+  EXPECT_EQ(c.getStateFor("globalPowerBudget"), 7000);
+  c.loadConfigurations(Value());
+  EXPECT_EQ(c.getStateFor("globalPowerBudget"), 7000);
+}
+
+TEST_F(KeloConfiguratorTest, ValuesReadAsIntegersWhateverTheirType) {
+  install();
+  KeloConfigurator c;
+  c.loadConfigurations(dict({{"commonDefaults", dict({
+                                                    {"timeThreshold", Value::real(2.9)},
+                                                    {"coalesceTime", Value::real(-2.9)},
+                                                    {"enableBudgeting", Value::boolean(true)},
+                                                    {"disableFetch", Value::boolean(false)},
+                                                    {"maxFetchApps", Value::string("42abc")},
+                                                    {"loggingMode", dict({})},
+                                                    {"dataMinSlot", integer(-1)},
+                                                    {"NotAKey", integer(5)},
+                                                })}}));
+  EXPECT_EQ(c.getStateFor("timeThreshold"), 2);
+  EXPECT_EQ(c.getStateFor("coalesceTime"), -2);
+  EXPECT_EQ(c.getStateFor("enableBudgeting"), 1);
+  EXPECT_EQ(c.getStateFor("disableFetch"), 0);
+  EXPECT_EQ(c.getStateFor("maxFetchApps"), 42);
+  EXPECT_EQ(c.getStateFor("loggingMode"), 0);
+  EXPECT_EQ(c.getStateFor("dataMinSlot"), -1);  // stored, yet reads like a missing key
+  EXPECT_EQ(c.getStateFor("NotAKey"), -1);
+  EXPECT_EQ(c.getStateFor("maxfetchapps"), -1);
+  EXPECT_EQ(c.getStateFor("launchTimeLimit"), -1);
+}
+
+TEST_F(KeloConfiguratorTest, GroupsAreReadOnlyWhereTheyBelong) {
+  install();
+  KeloConfigurator c;
+  // "whenToLaunch" beside "commonDefaults" and keys in the wrong group contribute nothing.
+  c.loadConfigurations(dict({
+      {"commonDefaults", dict({{"fetchAppDataBudget", integer(1)}})},
+      {"whenToLaunch", dict({{"allowTrending", Value::boolean(true)}})},
+      {"VPSD", dict({{"pushAppDataBudget", integer(2)}, {"globalTopicLimit", integer(3)}})},
+      {"backgroundDownload", integer(4)},
+  }));
+  for (const char* key : {"allowTrending", "fetchAppDataBudget", "pushAppDataBudget"}) {
+    EXPECT_EQ(c.getStateFor(key), -1) << key;
+  }
+  EXPECT_EQ(c.getStateFor("globalTopicLimit"), 3);
+  c.loadConfigurations(
+      dict({{"commonDefaults", dict({{"whenToLaunch", dict({
+                                                          {"allowTrending", integer(1)},
+                                                          {"allowPowerOnWake", integer(0)},
+                                                      })}})}}));
+  EXPECT_EQ(c.getStateFor("allowTrending"), 1);
+  EXPECT_EQ(c.getStateFor("allowPowerOnWake"), 0);
+}
+
+TEST_F(KeloConfiguratorTest, HavenValuesGoToTheirDomainsOneSynchronisationPerKey) {
+  install();
+  KeloConfigurator c;
+  c.updateHavenConfiguration(Value());
+  c.loadConfigurations(dict({{"commonDefaults", dict({{"maxFetchApps", integer(1)}})}}));
+  EXPECT_FALSE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.haven")));
+  EXPECT_FALSE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.tessd")));
+
+  c.updateHavenConfiguration(dict({{"HVBackgroundFetchWatchdogExtension", integer(30)}}));
+  EXPECT_EQ(files_->renamesInto("com.vorn.haven.json"), 1);
+  EXPECT_EQ(files_->renamesInto("com.vorn.tessd.json"), 0);
+  EXPECT_EQ(test::readDomainFile(sandbox_, "com.vorn.haven"),
+            dict({{"HVBackgroundFetchWatchdogExtension", integer(30)}}));
+  EXPECT_FALSE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.tessd")));
+
+  c.loadConfigurations(dict(
+      {{"haven", dict({
+                     {"TSBackgroundContentFetchingProcessAssertionDuration", Value::real(12.7)},
+                     {"TSBackgroundDownloadProcessAssertionDuration", integer(180)},
+                 })}}));
+  EXPECT_EQ(files_->renamesInto("com.vorn.tessd.json"), 2);
+  EXPECT_EQ(c.getStateFor("TSBackgroundContentFetchingProcessAssertionDuration"), 12);
+  const Value tessd = test::readDomainFile(sandbox_, "com.vorn.tessd");
+  const Value* written = tessd.find("TSBackgroundContentFetchingProcessAssertionDuration");
+  ASSERT_NE(written, nullptr);
+  EXPECT_EQ(written->type(), Value::Type::kInteger);
+  EXPECT_EQ(written->integerValue(), 12);
+  EXPECT_EQ(tessd.find("TSBackgroundDownloadProcessAssertionDuration")->integerValue(), 180);
+  EXPECT_EQ(test::readDomainFile(sandbox_, "com.vorn.haven")
+                .find("HVBackgroundFetchWatchdogExtension")
+                ->integerValue(),
+            30);
+}
+
+TEST_F(KeloConfiguratorTest, HavenValueOfTheOverrideIsWrittenLast) {
+  install();
+  test::writeBundle(sandbox_, kSystemBundle, R"({"commonDefaults": {},
+    "haven": {"HVBackgroundFetchWatchdogExtension": 10}})");
+  writeOverride(R"({"haven": {"HVBackgroundFetchWatchdogExtension": 20}})");
+  KeloConfigurator c;
+  EXPECT_EQ(c.getStateFor("HVBackgroundFetchWatchdogExtension"), 20);
+  EXPECT_EQ(files_->renamesInto("com.vorn.haven.json"), 2);
+  EXPECT_EQ(files_->renamesInto("com.vorn.tessd.json"), 0);
+  EXPECT_EQ(test::readDomainFile(sandbox_, "com.vorn.haven")
+                .find("HVBackgroundFetchWatchdogExtension")
+                ->integerValue(),
+            20);
+  // The domains keep what was written when later sources lack the key.
+  writeOverride("{}");
+  test::writeBundle(sandbox_, kSystemBundle, R"({"commonDefaults": {}})");
+  c.reloadBundleFromDisk();
+  EXPECT_EQ(c.getStateFor("HVBackgroundFetchWatchdogExtension"), 20);
+  EXPECT_EQ(files_->renamesInto("com.vorn.haven.json"), 2);
+}
+
+TEST_F(KeloConfiguratorTest, CKeysThatAreNotUtf8ReadZeroWithoutALine) {
+  install();
+  test::writeBundle(sandbox_, kSystemBundle, R"({"commonDefaults": {"maxFetchApps": 3}})");
+  test::startDetailedLogging();
+  EXPECT_EQ(getStateForC("maxFetchApps"), 3);
+  EXPECT_EQ(getStateForC("max\xC3\xA9"), -1);
+  EXPECT_EQ(getStateForC("max\xE9"), 0);
+  EXPECT_EQ(getStateForC("\xED\xA0\x80maxFetchApps"), 0);
+  EXPECT_EQ(getStateForC("maxFetchApps\xC0\x80"), 0);
+  EXPECT_EQ(getStateForC(nullptr), 0);
+  EXPECT_EQ(missingLines(), std::vector<std::string>{"max\xC3\xA9"});
+}
+
+TEST_F(KeloConfiguratorTest, MalformedSourcesGiveTheNeutralOutcomeAndThePortsLine) {
+  install();
+  test::writeBundle(sandbox_, kSystemBundle, R"({"commonDefaults": {"maxFetchApps": 3,}})");
+  test::writeDomainFile(sandbox_, "com.vorn.Kelo", R"({"overideConfig": )");
+  KeloConfigurator c;
+  EXPECT_EQ(c.getStateFor("maxFetchApps"), -1);
+  const auto lines = sandbox_.systemLines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].text.find("/Info.json:1:"), std::string::npos) << lines[0].text;
+  EXPECT_NE(lines[1].text.find("com.vorn.Kelo.json:1:"), std::string::npos) << lines[1].text;
+  EXPECT_TRUE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.Kelo") + ".corrupt"));
+}
+
+TEST_F(KeloConfiguratorTest, LookupsDuringReloadsSeeOnlyWholeValues) {
+  install();
+  const std::string even = R"({"commonDefaults": {"globalPowerBudget": 5000},
+                               "whitelist": ["a"], "blacklist": ["x"]})";
+  const std::string odd = R"({"commonDefaults": {"globalPowerBudget": 7000},
+                              "whitelist": ["a", "b"], "blacklist": ["y"]})";
+  test::writeBundle(sandbox_, kSystemBundle, even);
+  KeloConfigurator* c = KeloConfigurator::sharedInstance();
+  std::atomic<bool> stop{false};
+  std::atomic<int> bad{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t) {
+    readers.emplace_back([&] {
+      while (!stop.load()) {
+        const int64_t v =
+            t % 2 ? getStateForC("globalPowerBudget") : c->getStateFor("globalPowerBudget");
+        const auto white = c->appWhiteListArray();
+        if ((v != 5000 && v != 7000) || white == nullptr || white->empty()) ++bad;
+        if (c->appBlackMap()->count("x") != 1) ++bad;
+      }
+    });
+  }
+  for (int i = 0; i < 40; ++i) {
+    test::writeBundle(sandbox_, kSystemBundle, i % 2 ? even : odd);
+    c->reloadBundleFromDisk();
+  }
+  stop = true;
+  for (std::thread& r : readers) r.join();
+  EXPECT_EQ(bad.load(), 0);
+  EXPECT_EQ(c->getStateFor("globalPowerBudget"), 5000);
+  EXPECT_EQ(c->appBlackMap()->size(), 2u);
+}
+
+}  // namespace
+}  // namespace kelo

@@ -1,0 +1,227 @@
+#include "platform/Preferences.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+
+#include "tests/config/ConfigTestSupport.h"
+
+namespace kelo::platform {
+namespace {
+
+using test::Sandbox;
+
+class PreferencesTest : public ::testing::Test {
+ protected:
+  void install(Overrides o = {}) { sandbox_.install(std::move(o)); }
+  std::string file(const std::string& domain) const { return test::domainFile(sandbox_, domain); }
+  Sandbox sandbox_;
+};
+
+TEST_F(PreferencesTest, NamesNeverLeaveTheFolder) {
+  install();
+  for (const char* bad : {"", ".", "..", "a/b", "../x", "/abs"}) {
+    EXPECT_FALSE(PreferencesDomain::isValidName(bad)) << bad;
+    EXPECT_EQ(PreferencesDomain::open(bad), nullptr) << bad;
+  }
+  EXPECT_FALSE(PreferencesDomain::isValidName(std::string("a\0b", 3)));
+  EXPECT_FALSE(PreferencesDomain::isValidName(std::string(201, 'a')));
+  EXPECT_TRUE(PreferencesDomain::isValidName("com.vorn.Kelo"));
+  EXPECT_TRUE(PreferencesDomain::isValidName("..hidden"));
+  EXPECT_EQ(PreferencesDomain::open("com.vorn.Kelo")->path(), file("com.vorn.Kelo"));
+}
+
+TEST_F(PreferencesTest, StagedChangesReachTheFileOnlyWhenSynchronised) {
+  install();
+  auto domain = PreferencesDomain::open("com.example.a");
+  domain->setInteger("n", 42);
+  domain->setValue("s", Value::string("text"));
+  EXPECT_FALSE(Sandbox::exists(file("com.example.a")));
+  EXPECT_EQ(domain->contents().find("n")->integerValue(), 42);  // staged changes show
+
+  ASSERT_TRUE(domain->synchronize());
+  Value onDisk = test::readDomainFile(sandbox_, "com.example.a");
+  EXPECT_EQ(onDisk.find("n")->integerValue(), 42);
+  EXPECT_EQ(onDisk.find("s")->asString(), "text");
+
+  // Another handle (as another process would) sees the same and removes a key durably.
+  auto other = PreferencesDomain::open("com.example.a");
+  EXPECT_EQ(other->contents(), onDisk);
+  ASSERT_TRUE(other->remove("s"));
+  EXPECT_EQ(test::readDomainFile(sandbox_, "com.example.a").find("s"), nullptr);
+  EXPECT_EQ(domain->contents().find("s"), nullptr);
+
+  struct stat st;
+  ASSERT_EQ(::stat(file("com.example.a").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  ASSERT_EQ(::stat(PreferencesDomain::directory().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0755u);
+  EXPECT_EQ(PreferencesDomain::listDomains(), std::vector<std::string>{"com.example.a"});
+  EXPECT_TRUE(sandbox_.systemLines().empty());
+}
+
+TEST_F(PreferencesTest, SynchroniseWithNothingStagedWritesNothing) {
+  auto files = std::make_shared<test::CountingFileSystem>();
+  Overrides o;
+  o.fileSystem = files;
+  install(o);
+  auto domain = PreferencesDomain::open("com.example.idle");
+  EXPECT_TRUE(domain->synchronize());
+  EXPECT_FALSE(Sandbox::exists(file("com.example.idle")));
+  EXPECT_TRUE(domain->contents().asDictionary().empty());
+  EXPECT_EQ(files->renamesInto("com.example.idle.json"), 0);
+}
+
+TEST_F(PreferencesTest, MalformedFileIsMovedAsideNeverOverwritten) {
+  install();
+  const std::string path = file("com.example.bad");
+  const std::string garbage = "{\"kept\": 1,\n  oops}";
+  Sandbox::writeFile(path, garbage);
+  auto domain = PreferencesDomain::open("com.example.bad");
+
+  EXPECT_TRUE(domain->contents().asDictionary().empty());
+  EXPECT_EQ(Sandbox::readFile(path + ".corrupt"), garbage);
+  EXPECT_FALSE(Sandbox::exists(path));
+  auto lines = sandbox_.systemLines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text.rfind(path + ":2:3: ", 0), 0u) << lines[0].text;
+  EXPECT_TRUE(domain->contents().asDictionary().empty());
+  EXPECT_EQ(sandbox_.systemLines().size(), 1u);  // moved once, reported once
+
+  // A write meeting a second malformed file keeps the first one aside as well.
+  Sandbox::writeFile(path, "not json");
+  ASSERT_TRUE(domain->write("fresh", Value::integer(1)));
+  EXPECT_EQ(Sandbox::readFile(path + ".corrupt"), garbage);
+  EXPECT_EQ(Sandbox::readFile(path + ".corrupt.1"), "not json");
+  EXPECT_EQ(test::readDomainFile(sandbox_, "com.example.bad").find("fresh")->integerValue(), 1);
+  EXPECT_EQ(sandbox_.systemLines().size(), 2u);
+}
+
+TEST_F(PreferencesTest, SymbolicLinksAndForeignFilesAreRefused) {
+  install();
+  const std::string target = sandbox_.homePath() + "/elsewhere.json";
+  Sandbox::writeFile(target, R"({"secret": 1})");
+  std::filesystem::create_directories(PreferencesDomain::directory());
+  std::filesystem::create_symlink(target, file("com.example.link"));
+  auto link = PreferencesDomain::open("com.example.link");
+  EXPECT_TRUE(link->contents().asDictionary().empty());
+  EXPECT_FALSE(link->write("k", Value::integer(1)));
+  EXPECT_EQ(Sandbox::readFile(target), R"({"secret": 1})");
+  EXPECT_TRUE(std::filesystem::is_symlink(file("com.example.link")));
+  EXPECT_GE(sandbox_.systemLines().size(), 2u);
+
+  if (::geteuid() != 0) GTEST_SKIP() << "handing a file to another user needs root";
+  Sandbox::writeFile(file("com.example.foreign"), R"({"k": 5})");
+  ASSERT_EQ(::chown(file("com.example.foreign").c_str(), 4242, 4242), 0);
+  auto foreign = PreferencesDomain::open("com.example.foreign");
+  const size_t before = sandbox_.systemLines().size();
+  EXPECT_TRUE(foreign->contents().asDictionary().empty());
+  EXPECT_FALSE(foreign->write("k", Value::integer(6)));
+  EXPECT_EQ(Sandbox::readFile(file("com.example.foreign")), R"({"k": 5})");
+  EXPECT_GT(sandbox_.systemLines().size(), before);
+}
+
+// Fails chosen operations on files of one domain.
+class FailingFileSystem : public FileSystem {
+ public:
+  std::atomic<bool> failRename{false};
+  std::atomic<bool> failFsync{false};
+  std::atomic<int> opened{0};
+  std::atomic<int> closed{0};
+  int open(const char* path, int flags, mode_t mode) override {
+    const int fd = FileSystem::open(path, flags, mode);
+    if (fd >= 0) ++opened;
+    return fd;
+  }
+  int close(int fd) override {
+    ++closed;
+    return FileSystem::close(fd);
+  }
+  int rename(const char* from, const char* to) override {
+    if (failRename) {
+      errno = EXDEV;
+      return -1;
+    }
+    return FileSystem::rename(from, to);
+  }
+  int fsync(int fd) override {
+    if (failFsync) {
+      errno = EIO;
+      return -1;
+    }
+    return FileSystem::fsync(fd);
+  }
+};
+
+TEST_F(PreferencesTest, FailedWriteKeepsTheOldFileAndTheStagedChange) {
+  auto files = std::make_shared<FailingFileSystem>();
+  Overrides o;
+  o.fileSystem = files;
+  install(o);
+  auto domain = PreferencesDomain::open("com.example.fail");
+  ASSERT_TRUE(domain->write("a", Value::integer(1)));
+
+  for (std::atomic<bool>* fault : {&files->failRename, &files->failFsync}) {
+    *fault = true;
+    EXPECT_FALSE(domain->write("b", Value::integer(2)));
+    *fault = false;
+    EXPECT_EQ(test::readDomainFile(sandbox_, "com.example.fail"),
+              Value::dictionary({{"a", Value::integer(1)}}));
+  }
+  EXPECT_EQ(sandbox_.systemLines().size(), 2u);
+  // No temporary file is left behind, no descriptor leaks, and the retry writes the change.
+  EXPECT_TRUE(domain->synchronize());
+  EXPECT_EQ(test::readDomainFile(sandbox_, "com.example.fail").find("b")->integerValue(), 2);
+  size_t entries = 0;
+  for (const auto& e : std::filesystem::directory_iterator(PreferencesDomain::directory())) {
+    EXPECT_EQ(e.path().extension(),
+              e.path().filename() == "com.example.fail.json" ? ".json" : ".lock")
+        << e.path();
+    ++entries;
+  }
+  EXPECT_EQ(entries, 2u);
+  EXPECT_EQ(files->opened.load(), files->closed.load());
+}
+
+TEST_F(PreferencesTest, TwoProcessesWritingOneDomainLoseNoKey) {
+  install();
+  constexpr int kKeysEach = 500;
+  pid_t children[2];
+  for (int p = 0; p < 2; ++p) {
+    children[p] = ::fork();
+    ASSERT_GE(children[p], 0);
+    if (children[p] == 0) {
+      auto domain = PreferencesDomain::open("com.example.shared");
+      bool ok = true;
+      for (int i = 0; i < kKeysEach; ++i) {
+        ok = domain->write("p" + std::to_string(p) + "-" + std::to_string(i),
+                           Value::integer(p * 10000 + i)) &&
+             ok;
+      }
+      ::_exit(ok ? 0 : 1);
+    }
+  }
+  for (pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  const Value contents = PreferencesDomain::open("com.example.shared")->contents();
+  ASSERT_EQ(contents.asDictionary().size(), 2u * kKeysEach);
+  for (int p = 0; p < 2; ++p) {
+    for (int i = 0; i < kKeysEach; ++i) {
+      const Value* v = contents.find("p" + std::to_string(p) + "-" + std::to_string(i));
+      ASSERT_NE(v, nullptr);
+      EXPECT_EQ(v->integerValue(), p * 10000 + i);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kelo::platform
