@@ -1,0 +1,202 @@
+#include "kelo/BudgetPool.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <string>
+#include <vector>
+
+#include "tests/energy/EnergyTestUtil.h"
+#include "tests/support/Sandbox.h"
+
+namespace kelo {
+namespace {
+
+struct Charge {
+  std::string key;
+  int64_t cost;
+};
+
+struct Record {
+  std::string key;
+  int64_t value;
+  int64_t diff;
+};
+
+void charge(BudgetPool& pool, const std::vector<Charge>& charges) {
+  for (const Charge& c : charges) pool.UpdateBudget(c.key, c.cost);
+}
+
+void expectRecords(BudgetPool& pool, const std::vector<Record>& records) {
+  for (const Record& r : records) {
+    SCOPED_TRACE(r.key);
+    EXPECT_EQ(pool.findPoolResource(r.key)->currentItemPoolValue(), r.value);
+    EXPECT_EQ(pool.findPoolResource(r.key)->currentItemPoolDiff(), r.diff);
+  }
+}
+
+class BudgetPoolTest : public ::testing::Test {
+ protected:
+  void SetUp() override { sandbox_.install(); }
+  test::Sandbox sandbox_;
+};
+
+TEST_F(BudgetPoolTest, NewPoolIsEmptyWithItsLimits) {
+  BudgetPool pool(500, 100, BudgetPool::kCumulative);
+  EXPECT_EQ(pool.currentGlobalPool(), 0);
+  EXPECT_EQ(pool.itemCount(), 0u);
+  EXPECT_EQ(pool.totalBudget(), 0);
+  EXPECT_EQ(pool.totalDiffBudget(), 0);
+  EXPECT_EQ(pool.globalPoolLimit(), 500);
+  EXPECT_EQ(pool.itemPoolLimit(), 100);
+  EXPECT_EQ(pool.budgetMode(), 1);
+}
+
+TEST_F(BudgetPoolTest, CumulativeChargesBecomeDiffsOfTheLatestCharge) {
+  struct Case {
+    const char* name;
+    std::vector<Charge> charges;
+    std::vector<Record> records;
+    int64_t global;
+  };
+  const std::vector<Case> cases = {
+      {"growth", {{"A", 30}, {"A", 50}}, {{"A", 50, 20}}, 50},
+      {"fall", {{"A", 30}, {"A", 50}, {"A", 40}}, {{"A", 40, -10}}, 40},
+      {"two items", {{"A", 30}, {"B", 10}, {"A", 50}}, {{"A", 50, 20}, {"B", 10, 10}}, 60},
+      {"zero cost", {{"A", 30}, {"A", 0}}, {{"A", 0, -30}}, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    BudgetPool pool(500, 100, BudgetPool::kCumulative);
+    charge(pool, c.charges);
+    expectRecords(pool, c.records);
+    EXPECT_EQ(pool.currentGlobalPool(), c.global);
+    EXPECT_EQ(pool.totalBudget(), c.global);
+  }
+}
+
+TEST_F(BudgetPoolTest, ResetsClearOnlyTheirOwnField) {
+  BudgetPool pool(500, 100, BudgetPool::kCumulative);
+  charge(pool, {{"A", 30}, {"B", 20}, {"A", 50}});
+
+  pool.resetAllDiff();
+  expectRecords(pool, {{"A", 50, 0}, {"B", 20, 0}});
+  EXPECT_EQ(pool.currentGlobalPool(), 70);
+
+  charge(pool, {{"A", 55}});
+  pool.resetAllPoolLimits();
+  expectRecords(pool, {{"A", 0, 5}, {"B", 0, 0}});
+  EXPECT_EQ(pool.currentGlobalPool(), 0);
+  EXPECT_EQ(pool.totalDiffBudget(), 5);
+
+  // After the values were zeroed, the whole reported amount counts again.
+  charge(pool, {{"A", 50}});
+  expectRecords(pool, {{"A", 50, 50}});
+  EXPECT_EQ(pool.currentGlobalPool(), 50);
+  EXPECT_EQ(pool.itemCount(), 2u);
+}
+
+TEST_F(BudgetPoolTest, AdditiveChargesSumAndLeaveDiffsAlone) {
+  BudgetPool pool(500, 100, BudgetPool::kAdditive);
+  charge(pool, {{"A", 30}, {"A", 30}, {"B", -5}});
+  expectRecords(pool, {{"A", 60, 0}, {"B", -5, 0}});
+  EXPECT_EQ(pool.currentGlobalPool(), 55);
+  EXPECT_EQ(pool.totalBudget(), 55);
+  EXPECT_EQ(pool.totalDiffBudget(), 0);
+}
+
+TEST_F(BudgetPoolTest, OtherModesOnlyCreateTheRecord) {
+  for (int32_t mode : {2, -1, INT32_MAX}) {
+    SCOPED_TRACE(mode);
+    BudgetPool pool(500, 100, mode);
+    pool.UpdateBudget("unknown", 40);
+    EXPECT_EQ(pool.itemCount(), 1u);
+    expectRecords(pool, {{"unknown", 0, 0}});
+    EXPECT_EQ(pool.currentGlobalPool(), 0);
+  }
+}
+
+TEST_F(BudgetPoolTest, ArithmeticWrapsAtTheLimitsOf64Bits) {
+  BudgetPool cumulative(0, 0, BudgetPool::kCumulative);
+  charge(cumulative, {{"A", INT64_MAX}, {"A", INT64_MIN}});
+  EXPECT_EQ(cumulative.findPoolResource("A")->currentItemPoolDiff(), 1);  // MIN - MAX wraps
+  EXPECT_EQ(cumulative.currentGlobalPool(), INT64_MIN);
+  charge(cumulative, {{"B", INT64_MAX}});
+  EXPECT_EQ(cumulative.totalBudget(), -1);
+  EXPECT_EQ(cumulative.totalBudget(), cumulative.currentGlobalPool());
+
+  BudgetPool additive(0, 0, BudgetPool::kAdditive);
+  charge(additive, {{"A", INT64_MAX}, {"A", INT64_MAX}});
+  EXPECT_EQ(additive.findPoolResource("A")->currentItemPoolValue(), -2);
+  EXPECT_EQ(additive.currentGlobalPool(), -2);
+}
+
+TEST_F(BudgetPoolTest, LimitTestsAreStrictAndNotComplements) {
+  struct Case {
+    const char* name;
+    int64_t globalLimit;
+    int64_t itemLimit;
+    std::vector<Charge> charges;
+    bool available;  // for "A"
+    bool reached;
+  };
+  const std::vector<Case> cases = {
+      {"below both", 100, 50, {{"A", 49}}, true, false},
+      {"item at its limit", 100, 50, {{"A", 50}}, false, false},
+      {"global at its limit", 100, 500, {{"A", 60}, {"B", 40}}, false, false},
+      {"global one above", 100, 500, {{"A", 60}, {"B", 41}}, false, true},
+      {"global one below", 100, 500, {{"A", 60}, {"B", 39}}, true, false},
+      {"negative global limit, empty pool", -1, 100, {}, false, true},
+      {"negative item limit", 100, -1, {}, false, false},
+      {"global limit zero, empty pool", 0, 100, {}, false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    BudgetPool pool(c.globalLimit, c.itemLimit, BudgetPool::kCumulative);
+    EXPECT_EQ(pool.globalPoolLimit(), c.globalLimit);
+    EXPECT_EQ(pool.itemPoolLimit(), c.itemLimit);
+    charge(pool, c.charges);
+    EXPECT_EQ(pool.hasBudgetAvailable("A"), c.available);
+    EXPECT_EQ(pool.hasGlobalPoolReachedLimit(), c.reached);
+  }
+}
+
+TEST_F(BudgetPoolTest, AvailabilityQueryLogsAndAddsAZeroedRecord) {
+  test::DetailedLog log(sandbox_);
+  ASSERT_TRUE(log.switchOn());
+  BudgetPool pool(500, 100, BudgetPool::kCumulative);
+  charge(pool, {{"A", 30}, {"B", 20}});
+  EXPECT_TRUE(pool.hasBudgetAvailable("A"));
+  EXPECT_TRUE(pool.hasBudgetAvailable("unknown"));
+  EXPECT_EQ(
+      log.texts({"hasBudgetAvailable"}),
+      (std::vector<std::string>{"hasBudgetAvailable G: 50 L:30", "hasBudgetAvailable G: 50 L:0"}));
+
+  test::VslCapture dump;
+  pool.logAll(dump.client(), dump.msg(), 6);
+  EXPECT_EQ(dump.texts(), (std::vector<std::string>{
+                              "budgetMode 1",
+                              "itemPoolLimit 100",
+                              "globalPoolLimit 500",
+                              "currentGlobalPool 50",
+                              "AppID: A Diff 30 Value 30",
+                              "AppID: B Diff 20 Value 20",
+                              "AppID: unknown Diff 0 Value 0",
+                          }));
+}
+
+TEST_F(BudgetPoolTest, LightDumpWritesOnlyTheScalars) {
+  BudgetPool pool(-7, INT64_MIN, 3);
+  pool.UpdateBudget("A", 5);
+  test::VslCapture dump;
+  pool.logLight(dump.client(), dump.msg(), 6);
+  EXPECT_EQ(dump.texts(), (std::vector<std::string>{
+                              "budgetMode 3",
+                              "itemPoolLimit -9223372036854775808",
+                              "globalPoolLimit -7",
+                              "currentGlobalPool 0",
+                          }));
+}
+
+}  // namespace
+}  // namespace kelo
