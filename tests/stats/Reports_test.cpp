@@ -1,0 +1,130 @@
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "kelo/stats.h"
+#include "platform/Notify.h"
+#include "tests/stats/StatsTesting.h"
+
+extern char** environ;
+
+namespace kelo::test {
+namespace {
+
+constexpr char kName[] = "com.vorn.Kelo.CUMUNotificationReport";
+
+class ReportsTest : public StatsTest {
+ protected:
+  // Starts listening and waits until the registration ran.
+  void startCycle() {
+    stats().newCycleWithApps({});
+    ASSERT_NE(stats().snapshot().BGReportToken, 0);
+  }
+
+  // Posts a raw state word, as a sender that packs it itself would.
+  static void postState(uint64_t state) {
+    int token = 0;
+    ASSERT_EQ(platform::notify_register_check(kName, &token), platform::kNotifyStatusOk);
+    ASSERT_EQ(platform::notify_set_state(token, state), platform::kNotifyStatusOk);
+    ASSERT_EQ(platform::notify_post(kName), platform::kNotifyStatusOk);
+    platform::notify_cancel(token);
+  }
+
+  bool waitForDownloads(int32_t count) {
+    return eventually([&] { return stats().snapshot().totalBGDownloads == count; });
+  }
+};
+
+TEST_F(ReportsTest, ReportsBeforeTheFirstCycleAreLost) {
+  AppLaunchStatsCumu::Snapshot s = stats().snapshot();
+  EXPECT_EQ(s.BGReportToken, 0);
+  reportCumuBackgroundDownload(100, 5);
+  startCycle();
+  const int32_t token = stats().snapshot().BGReportToken;
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(stats().snapshot().totalBGDownloads, 0);
+
+  // Later cycles keep the one registration.
+  stats().newCycleWithApps({});
+  EXPECT_EQ(stats().snapshot().BGReportToken, token);
+  reportCumuBackgroundDownload(100, 5);
+  ASSERT_TRUE(waitForDownloads(1));
+  s = stats().snapshot();
+  EXPECT_EQ(s.avgDownloadsize, 100);
+  EXPECT_EQ(s.avgPWConsumed, 5);
+  EXPECT_NE(s.hasStats & AppLaunchStatsCumu::kFlagBackgroundDownload, 0);
+}
+
+TEST_F(ReportsTest, BothTypesReachTheirSumsAtFullFieldWidth) {
+  enableLog();
+  startCycle();
+  reportCumuBackgroundDownload(0xFFFFFFFFFFF, 0xFFFF);
+  ASSERT_TRUE(waitForDownloads(1));
+  reportCumuNonDiscretionaryBackgroundDownload(300, 7);
+  ASSERT_TRUE(eventually([&] { return stats().snapshot().totalNonDiscDownload == 300; }));
+  const AppLaunchStatsCumu::Snapshot s = stats().snapshot();
+  EXPECT_EQ(s.avgDownloadsize, 0xFFFFFFFFFFF);
+  EXPECT_EQ(s.avgPWConsumed, 0xFFFF);
+  EXPECT_EQ(s.totalNonDiscEnergy, 7);
+  EXPECT_EQ(s.totalBGDownloads, 1);
+  EXPECT_EQ(logCount("notification rcv on type 1, data 17592186044415, pw 65535"), 1u);
+  EXPECT_EQ(logCount("notification rcv on type 2, data 300, pw 7"), 1u);
+}
+
+TEST_F(ReportsTest, UnknownTypesAreLoggedAndAZeroStateIsNot) {
+  enableLog();
+  startCycle();
+  postState(0);
+  // Give the zero state its delivery before the next post can coalesce with it.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  reportCumu(3, 4, 5);
+  ASSERT_TRUE(eventually([&] { return logCount("notification rcv on type 3, data 4, pw 5") == 1; }));
+  const AppLaunchStatsCumu::Snapshot s = stats().snapshot();
+  EXPECT_EQ(s.totalBGDownloads, 0);
+  EXPECT_EQ(s.totalNonDiscDownload, 0);
+  EXPECT_EQ(s.hasStats, 0);
+  for (const std::string& line : logTexts()) {
+    EXPECT_EQ(line.find("type 0"), std::string::npos) << line;
+  }
+}
+
+// Run only as the child of the next test: reports one download from a separate process.
+TEST(ReportsChild, DISABLED_SendsOneReport) {
+  const char* root = std::getenv("KELO_TEST_REPORT_ROOT");
+  ASSERT_NE(root, nullptr);
+  platform::Overrides o;
+  o.deviceRoot = root;
+  o.homeDirectory = root;
+  platform::installOverrides(o);
+  reportCumuBackgroundDownload(4242, 17);
+}
+
+TEST_F(ReportsTest, AReportFromAnotherProcessArrives) {
+  startCycle();
+  const std::string filter = "--gtest_filter=ReportsChild.DISABLED_SendsOneReport";
+  const std::string disabled = "--gtest_also_run_disabled_tests";
+  std::string exe = "/proc/self/exe";
+  char* argv[] = {exe.data(), const_cast<char*>(filter.c_str()),
+                  const_cast<char*>(disabled.c_str()), nullptr};
+  std::vector<std::string> env;
+  for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
+  env.push_back("KELO_TEST_REPORT_ROOT=" + sandbox_.rootPath());
+  std::vector<char*> envp;
+  for (std::string& e : env) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  pid_t pid = 0;
+  ASSERT_EQ(::posix_spawn(&pid, exe.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_TRUE(waitForDownloads(1));
+  EXPECT_EQ(stats().snapshot().avgDownloadsize, 4242);
+  EXPECT_EQ(stats().snapshot().avgPWConsumed, 17);
+}
+
+}  // namespace
+}  // namespace kelo::test
