@@ -94,7 +94,7 @@ TEST_F(ZonesTest, PrewarmZonesOfSinglePlacements) {
 
 TEST_F(ZonesTest, PrewarmZoneLinesNameSlotsAndValues) {
   enableLog();
-  prewarm("a", {{4, 10}, {20, 0}});
+  prewarm("a", {{4, 10}, {20, 0}, {48, 0}});  // slot 48 is one slot beyond the forward reach
   launch("a", {{5, 2}, {5, 12}, {18, 1}, {40, 0}});
   launch("b", {{1, 0}});
   const std::size_t recorded = logTexts().size();
