@@ -1,0 +1,23 @@
+// A one-line progress bar on standard error, drawn only when standard error is a terminal.
+#ifndef KELO_TOOLS_KELOSIM_PROGRESS_H_
+#define KELO_TOOLS_KELOSIM_PROGRESS_H_
+
+namespace kelo::sim {
+
+class Progress {
+ public:
+  // `enabled` false draws nothing (for --json, or when asked not to).
+  explicit Progress(bool enabled);
+  // `fraction` of the simulated day, 0 to 1.
+  void update(double fraction);
+  // Clears the line.
+  void finish();
+
+ private:
+  bool enabled_;
+  int lastDrawn_ = -1;
+};
+
+}  // namespace kelo::sim
+
+#endif  // KELO_TOOLS_KELOSIM_PROGRESS_H_

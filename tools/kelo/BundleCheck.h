@@ -1,0 +1,30 @@
+// Validation of a configuration bundle as the configurator would read it: entries it ignores,
+// keys it does not know or that sit outside their group, and values of the wrong type.
+#ifndef KELO_TOOLS_KELO_BUNDLECHECK_H_
+#define KELO_TOOLS_KELO_BUNDLECHECK_H_
+
+#include <string>
+#include <vector>
+
+namespace kelo::tool {
+
+struct Finding {
+  bool error;         // false: a warning
+  std::string where;  // e.g. "commonDefaults.maxFetchApps"
+  std::string message;
+};
+
+struct BundleCheck {
+  bool found = false;     // false: no bundle folder or Info.json at the path
+  std::string infoPath;   // the Info.json that was read
+  std::vector<Finding> findings;
+  int errors() const;
+  int warnings() const;
+};
+
+// `path` names a bundle folder or its Info.json.
+BundleCheck checkBundle(const std::string& path);
+
+}  // namespace kelo::tool
+
+#endif  // KELO_TOOLS_KELO_BUNDLECHECK_H_

@@ -1,0 +1,110 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <thread>
+
+#include "platform/Facts.h"
+#include "platform/Json.h"
+#include "tools/common/Files.h"
+#include "tools/kelo/Commands.h"
+
+namespace kelo::tool {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string logsFolder() { return platform::homeDirectory() + "/Library/Logs"; }
+std::string diagnosticsFolder() { return logsFolder() + "/Wreckbox/DiagnosticLogs"; }
+
+std::vector<std::string> liveLogs() {
+  std::vector<std::string> out;
+  for (const std::string& f : tools::filesEndingWith(logsFolder(), "")) {
+    const std::string name = fs::path(f).filename().string();
+    if (name.rfind("KeloLogging", 0) == 0 && fs::is_regular_file(f)) out.push_back(f);
+  }
+  return out;
+}
+
+}  // namespace
+
+int logsPath(const Context& context) {
+  context.install();
+  const std::vector<std::string> live = liveLogs();
+  std::vector<std::string> rotated;
+  std::vector<std::string> dumps;
+  for (const std::string& f : tools::filesEndingWith(diagnosticsFolder(), "")) {
+    (f.size() >= 13 && f.compare(f.size() - 13, 13, "-FullDump.log") == 0 ? dumps : rotated)
+        .push_back(f);
+  }
+  if (context.json) {
+    auto list = [](const std::vector<std::string>& v) {
+      Value::Array a;
+      for (const std::string& s : v) a.push_back(Value::string(s));
+      return Value::array(std::move(a));
+    };
+    std::printf("%s\n", platform::toJson(Value::dictionary({{"logs", Value::string(logsFolder())},
+                                                            {"live", list(live)},
+                                                            {"rotated", list(rotated)},
+                                                            {"dumps", list(dumps)}}),
+                                         true)
+                            .c_str());
+    return kExitOk;
+  }
+  std::printf("logs folder: %s\n", logsFolder().c_str());
+  for (const std::string& f : live) std::printf("live     %s\n", f.c_str());
+  for (const std::string& f : rotated) std::printf("rotated  %s\n", f.c_str());
+  for (const std::string& f : dumps) std::printf("dump     %s\n", f.c_str());
+  if (live.empty() && rotated.empty() && dumps.empty()) std::printf("(no log files yet)\n");
+  return kExitOk;
+}
+
+int logsTail(const Context& context, bool follow, int lines, const std::string& process,
+             bool simple) {
+  context.install();
+  std::string path;
+  if (!process.empty()) {
+    path = logsFolder() + "/" + (simple ? "KeloLoggingSimple." : "KeloLoggingDetailed.") + process;
+  } else {
+    // The live log written to last.
+    fs::file_time_type newest{};
+    for (const std::string& f : liveLogs()) {
+      std::error_code ec;
+      const auto t = fs::last_write_time(f, ec);
+      const bool wanted = (f.find("KeloLoggingSimple.") != std::string::npos) == simple;
+      if (!ec && wanted && (path.empty() || t > newest)) {
+        newest = t;
+        path = f;
+      }
+    }
+  }
+  struct stat st;
+  if (path.empty() || ::stat(path.c_str(), &st) != 0) {
+    return fail(kExitNotFound, path.empty() ? "no live log under " + logsFolder()
+                                            : "no live log at " + path);
+  }
+  for (const std::string& line : tools::lastLines(path, static_cast<std::size_t>(lines))) {
+    std::printf("%s\n", line.c_str());
+  }
+  std::fflush(stdout);
+  if (!follow) return kExitOk;
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (f == nullptr) return fail(kExitFailure, "cannot read " + path);
+  std::fseek(f, 0, SEEK_END);
+  char buffer[4096];
+  for (;;) {
+    const size_t n = std::fread(buffer, 1, sizeof buffer, f);
+    if (n > 0) {
+      std::fwrite(buffer, 1, n, stdout);
+      std::fflush(stdout);
+      continue;
+    }
+    std::clearerr(f);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+}
+
+}  // namespace kelo::tool
