@@ -42,7 +42,7 @@ constexpr int kPausesPerPoll = 8;
 // a moment before it takes the lock again: it bounds the cache-line ping-pong with a poster in a
 // tight loop to once per batch, at the cost of well under a microsecond of latency.
 constexpr size_t kSmallBatch = 8;
-constexpr int kGatherPauses = 16;
+constexpr int kGatherPauses = 32;
 
 void pause(int n) {
   for (int i = 0; i < n; ++i) cpuRelax();
