@@ -185,18 +185,5 @@ TEST_F(BudgetPoolTest, AvailabilityQueryLogsAndAddsAZeroedRecord) {
                           }));
 }
 
-TEST_F(BudgetPoolTest, LightDumpWritesOnlyTheScalars) {
-  BudgetPool pool(-7, INT64_MIN, 3);
-  pool.UpdateBudget("A", 5);
-  test::VslCapture dump;
-  pool.logLight(dump.client(), dump.msg(), 6);
-  EXPECT_EQ(dump.texts(), (std::vector<std::string>{
-                              "budgetMode 3",
-                              "itemPoolLimit -9223372036854775808",
-                              "globalPoolLimit -7",
-                              "currentGlobalPool 0",
-                          }));
-}
-
 }  // namespace
 }  // namespace kelo
