@@ -12,6 +12,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kelo/vsl.h"
@@ -43,9 +44,9 @@ namespace {
 
 constexpr int kLevelCount = 8;
 constexpr int kAllLevels = (1 << kLevelCount) - 1;
-constexpr const char* kLevelNames[kLevelCount] = {"<Emergency>: ", "<Alert>: ",  "<Critical>: ",
-                                                  "<Error>: ",     "<Warning>: ", "<Notice>: ",
-                                                  "<Info>: ",      "<Debug>: "};
+constexpr std::string_view kLevelNames[kLevelCount] = {
+    "<Emergency>: ", "<Alert>: ", "<Critical>: ", "<Error>: ",
+    "<Warning>: ",   "<Notice>: ", "<Info>: ",    "<Debug>: "};
 
 // Room for a typical line without touching the heap; longer ones fall back to a string.
 constexpr size_t kStackLine = 1024;
@@ -78,16 +79,36 @@ class LineBuffer {
   std::string heap_;
 };
 
+// True when one of the eight bytes is below 0x20 or is 0x7f (exact, bytes from 0x80 included):
+// lines rarely hold a control character, so they are scanned a word at a time.
+inline bool wordHasControl(uint64_t w) {
+  constexpr uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr uint64_t kHigh = 0x8080808080808080ULL;
+  const uint64_t below = (w - kOnes * 0x20) & ~w & kHigh;
+  const uint64_t del = w ^ (kOnes * 0x7f);
+  return ((below | ((del - kOnes) & ~del & kHigh))) != 0;
+}
+
 // Control characters would split or garble the line: the common ones become their C escapes,
 // the others \xNN. Bytes from 0x80 up are UTF-8 and pass untouched.
 void appendEscaped(LineBuffer& out, const char* text, size_t size) {
   static constexpr char kHex[] = "0123456789abcdef";
   size_t runStart = 0;
-  for (size_t i = 0; i < size; ++i) {
+  size_t i = 0;
+  while (i < size) {
+    if (i + sizeof(uint64_t) <= size) {
+      uint64_t word;
+      memcpy(&word, text + i, sizeof word);
+      if (!wordHasControl(word)) {
+        i += sizeof word;
+        continue;
+      }
+    }
     const unsigned char c = static_cast<unsigned char>(text[i]);
+    ++i;
     if (c >= 0x20 && c != 0x7f) continue;
-    out.append(text + runStart, i - runStart);
-    runStart = i + 1;
+    out.append(text + runStart, i - 1 - runStart);
+    runStart = i;
     switch (c) {
       case '\n':
         out.append("\\n", 2);
@@ -110,8 +131,9 @@ void appendEscaped(LineBuffer& out, const char* text, size_t size) {
 void appendTimeStamp(vsl_client_s& client, LineBuffer& out) {
   double t = kelo::platform::now();
   if (!std::isfinite(t) || t < -1e15 || t > 1e15) t = 0;
-  const double whole = std::floor(t);
-  const long long second = static_cast<long long>(whole);
+  long long second = static_cast<long long>(t);  // toward zero; floor below
+  if (static_cast<double>(second) > t) --second;
+  const double whole = static_cast<double>(second);
   long micros = static_cast<long>((t - whole) * 1e6);
   if (micros < 0) micros = 0;
   if (micros > 999999) micros = 999999;
@@ -163,53 +185,56 @@ bool levelPasses(int level, int mask) {
   return level >= 0 && level < kLevelCount && (mask & (1 << level)) != 0;
 }
 
+void writeLine(vsl_client_s& client, int level, const char* text, size_t textSize) {
+  LineBuffer line;
+  appendTimeStamp(client, line);
+  line.append(client.process.data(), client.process.size());
+  line.append(kLevelNames[level].data(), kLevelNames[level].size());
+  appendEscaped(line, text, textSize);
+  line.append('\n');
+  for (const vsl_client_s::Output& o : client.outputs) {
+    if (levelPasses(level, o.mask)) writeFully(o.fd, line.data(), line.size());
+  }
+}
+
+// Kept out of the plain "%s" path, so that path's frame stays small.
+__attribute__((noinline, format(printf, 3, 0))) int formatLine(vsl_client_s& client, int level,
+                                                                const char* format,
+                                                                va_list args) {
+  va_list again;
+  va_copy(again, args);
+  char formatted[kStackLine];
+  const int n = vsnprintf(formatted, sizeof formatted, format, args);
+  if (n < 0) {
+    va_end(again);
+    return -1;
+  }
+  if (static_cast<size_t>(n) < sizeof formatted) {
+    va_end(again);
+    writeLine(client, level, formatted, static_cast<size_t>(n));
+    return 0;
+  }
+  std::string longText(static_cast<size_t>(n) + 1, '\0');
+  vsnprintf(longText.data(), longText.size(), format, again);
+  va_end(again);
+  writeLine(client, level, longText.data(), static_cast<size_t>(n));
+  return 0;
+}
+
 __attribute__((format(printf, 3, 0))) int logLine(vsl_client_t client, int level,
                                                 const char* format, va_list args) {
   if (client == nullptr || format == nullptr) return -1;
   bool wanted = false;
   for (const vsl_client_s::Output& o : client->outputs) wanted = wanted || levelPasses(level, o.mask);
   if (!wanted) return 0;
-
   // The loggers always pass "%s": take the argument as it is instead of formatting it.
-  const char* text;
-  size_t textSize;
-  char formatted[kStackLine];
-  std::string longText;
-  if (strcmp(format, "%s") == 0) {
-    text = va_arg(args, const char*);
+  if (format[0] == '%' && format[1] == 's' && format[2] == '\0') {
+    const char* text = va_arg(args, const char*);
     if (text == nullptr) text = "(null)";
-    textSize = strlen(text);
-  } else {
-    va_list again;
-    va_copy(again, args);
-    const int n = vsnprintf(formatted, sizeof formatted, format, args);
-    if (n < 0) {
-      va_end(again);
-      return -1;
-    }
-    if (static_cast<size_t>(n) < sizeof formatted) {
-      text = formatted;
-    } else {
-      longText.resize(static_cast<size_t>(n) + 1);
-      vsnprintf(longText.data(), longText.size(), format, again);
-      longText.resize(static_cast<size_t>(n));
-      text = longText.data();
-    }
-    va_end(again);
-    textSize = static_cast<size_t>(n);
+    writeLine(*client, level, text, strlen(text));
+    return 0;
   }
-
-  LineBuffer line;
-  appendTimeStamp(*client, line);
-  line.append(client->process.data(), client->process.size());
-  const char* levelName = kLevelNames[level];
-  line.append(levelName, strlen(levelName));
-  appendEscaped(line, text, textSize);
-  line.append('\n');
-  for (const vsl_client_s::Output& o : client->outputs) {
-    if (levelPasses(level, o.mask)) writeFully(o.fd, line.data(), line.size());
-  }
-  return 0;
+  return formatLine(*client, level, format, args);
 }
 
 }  // namespace

@@ -160,6 +160,9 @@ TEST_F(SystemLogTest, ControlCharactersAreEscapedSoOneCallIsOneLine) {
       {"del\x7f bell\x07", "del\\x7f bell\\x07"},
       {"caf\xc3\xa9 back\\slash", "caf\xc3\xa9 back\\slash"},
       {"", ""},
+      // Past the first word, and high bytes whose low bits look like control characters.
+      {"quite a long prefix\x1f then \xe2\x80\x9f\xff\xa0\x9f\x8a ok\n",
+       "quite a long prefix\\x1f then \xe2\x80\x9f\xff\xa0\x9f\x8a ok\\n"},
   };
   for (const auto& c : cases) vsl_log(client, nullptr, 6, "%s", c.text);
   // Through the formatting path too, not only the plain "%s" one.
