@@ -2,20 +2,23 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/inotify.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
@@ -39,75 +42,123 @@ struct Record {
 constexpr size_t kRecordSize = sizeof(Record);
 static_assert(kRecordSize == 16);
 
-// An open state file; the descriptor is closed when the last holder lets go.
+bool writeWord(int fd, off_t offset, uint64_t value) {
+  ssize_t n;
+  do {
+    n = ::pwrite(fd, &value, sizeof value, offset);
+  } while (n < 0 && errno == EINTR);
+  return n == static_cast<ssize_t>(sizeof value);
+}
+
+// An open state file, mapped shared so that the state is read and set with plain atomic loads
+// and stores: a store to a mapping raises no inotify event, so setting the state wakes nobody,
+// while a post is a pwrite(2) of the generation, which does. No word can tear, and neither
+// writer touches the other's word, so setting the state cannot undo a post nor a post a state.
+//
+// A file shorter than a record (being created by another process) is read with pread(2) until
+// it has grown. Whoever may write the folder could truncate a mapped file and fault its readers;
+// the files are only accepted from the caller and the folder's owner.
 class StateFile {
  public:
-  explicit StateFile(int fd) : fd_(fd) {}
-  ~StateFile() { fileSystem().close(fd_); }
+  StateFile(int fd, uid_t folderOwner, bool writable)
+      : fd_(fd), folderOwner_(folderOwner), writable_(writable) {
+    tryMap();
+  }
+  ~StateFile() {
+    if (uint64_t* words = words_.load(std::memory_order_relaxed)) ::munmap(words, kRecordSize);
+    fileSystem().close(fd_);
+  }
   StateFile(const StateFile&) = delete;
   StateFile& operator=(const StateFile&) = delete;
-  int fd() const { return fd_; }
 
- private:
-  const int fd_;
-};
+  bool writable() const { return writable_; }
 
-// flock(2) held for one read or write of the record, so that no reader sees half a record even
-// where the kernel would not keep a 16-byte pread and pwrite apart.
-class FileLock {
- public:
-  FileLock(int fd, int operation) : fd_(fd) {
-    int rc;
-    do {
-      rc = ::flock(fd, operation);
-    } while (rc != 0 && errno == EINTR);
-    locked_ = rc == 0;
+  // Still the name's file: not unlinked, still a regular file of an allowed owner. Checked with
+  // fstat(2) at most once a second, which keeps a report free of extra system calls.
+  bool stillValid() {
+    const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count();
+    if (now - checkedAtMs_.load(std::memory_order_relaxed) < 1000) return true;
+    struct stat st;
+    const bool valid = ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink > 0 &&
+                       (st.st_uid == ::geteuid() || st.st_uid == folderOwner_);
+    if (valid) checkedAtMs_.store(now, std::memory_order_relaxed);
+    return valid;
   }
-  ~FileLock() {
-    if (locked_) ::flock(fd_, LOCK_UN);
-  }
-  FileLock(const FileLock&) = delete;
-  FileLock& operator=(const FileLock&) = delete;
-  bool locked() const { return locked_; }
 
- private:
-  int fd_;
-  bool locked_;
-};
-
-// A file shorter than a record (just created) reads as zeros.
-bool preadRecord(int fd, Record* out) {
-  unsigned char bytes[kRecordSize] = {};
-  size_t got = 0;
-  while (got < kRecordSize) {
-    const ssize_t n = ::pread(fd, bytes + got, kRecordSize - got, static_cast<off_t>(got));
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
+  bool read(Record* out) {
+    uint64_t* words = words_.load(std::memory_order_acquire);
+    if (words == nullptr) words = tryMap();
+    if (words != nullptr) {
+      out->state = std::atomic_ref<uint64_t>(words[0]).load(std::memory_order_acquire);
+      out->generation = std::atomic_ref<uint64_t>(words[1]).load(std::memory_order_acquire);
+      return true;
     }
-    if (n == 0) break;
-    got += static_cast<size_t>(n);
+    unsigned char bytes[kRecordSize] = {};
+    ssize_t n;
+    do {
+      n = ::pread(fd_, bytes, kRecordSize, 0);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) return false;
+    std::memcpy(out, bytes, kRecordSize);  // a short file reads as zeros
+    return true;
   }
-  std::memcpy(out, bytes, kRecordSize);
-  return true;
-}
 
-bool readRecord(int fd, Record* out) {
-  FileLock lock(fd, LOCK_SH);
-  return lock.locked() && preadRecord(fd, out);
-}
+  bool setState(uint64_t state) {
+    uint64_t* words = writable_ ? words_.load(std::memory_order_acquire) : nullptr;
+    if (words == nullptr) return false;
+    std::atomic_ref<uint64_t>(words[0]).store(state, std::memory_order_release);
+    return true;
+  }
 
-// Read-modify-write of the record under an exclusive lock, written with one write(2) so that
-// watchers get a single IN_MODIFY.
-template <class Mutate>
-bool updateRecord(int fd, Mutate mutate) {
-  FileLock lock(fd, LOCK_EX);
-  if (!lock.locked()) return false;
-  Record record;
-  if (!preadRecord(fd, &record)) return false;
-  mutate(record);
-  if (::lseek(fd, 0, SEEK_SET) != 0) return false;
-  return fileSystem().write(fd, &record, kRecordSize) == static_cast<ssize_t>(kRecordSize);
+  bool post() {
+    return writable_ && writeWord(fd_, offsetof(Record, generation), nextGeneration());
+  }
+
+  // A writable file is grown to a full record before use, so it is always mapped.
+  bool ready() const { return !writable_ || words_.load(std::memory_order_acquire) != nullptr; }
+
+ private:
+  static uint64_t nextGeneration();
+
+  uint64_t* tryMap() {
+    struct stat st;
+    if (::fstat(fd_, &st) != 0) return nullptr;
+    if (st.st_size < static_cast<off_t>(kRecordSize)) {
+      // Growing never cuts what another process wrote.
+      if (!writable_ || ::ftruncate(fd_, kRecordSize) != 0) return nullptr;
+    }
+    void* map = ::mmap(nullptr, kRecordSize, writable_ ? PROT_READ | PROT_WRITE : PROT_READ,
+                       MAP_SHARED, fd_, 0);
+    if (map == MAP_FAILED) return nullptr;
+    uint64_t* expected = nullptr;
+    auto* words = static_cast<uint64_t*>(map);
+    if (!words_.compare_exchange_strong(expected, words, std::memory_order_acq_rel)) {
+      ::munmap(map, kRecordSize);
+      return expected;
+    }
+    return words;
+  }
+
+  const int fd_;
+  const uid_t folderOwner_;
+  const bool writable_;
+  std::atomic<uint64_t*> words_{nullptr};
+  std::atomic<int64_t> checkedAtMs_{0};
+};
+
+// A post only has to change the generation to something no watcher has seen. Values unique per
+// process (a counter through a bijective mix) and seeded from the pid and the clock cannot repeat
+// the previous value of a file, unlike an increment two posters could both compute.
+uint64_t StateFile::nextGeneration() {
+  static std::atomic<uint64_t> counter{
+      (static_cast<uint64_t>(::getpid()) << 40) ^
+      static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count())};
+  uint64_t z = counter.fetch_add(0x9E3779B97F4A7C15ULL, std::memory_order_relaxed);
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+  return z ^ (z >> 31);
 }
 
 bool validName(const char* name) {
@@ -198,14 +249,28 @@ uint32_t openStateFile(const char* name, Access access, std::shared_ptr<StateFil
   }
   if (fd < 0) return statusForOpenError(errno);
 
-  auto file = std::make_shared<StateFile>(fd);
   struct stat st;
-  if (::fstat(fd, &st) != 0) return kNotifyStatusFailed;
-  if (!S_ISREG(st.st_mode)) return kNotifyStatusNotAuthorized;
-  if (st.st_uid != ::geteuid() && st.st_uid != folder.owner) return kNotifyStatusNotAuthorized;
+  const int accessMode = ::fcntl(fd, F_GETFL) & O_ACCMODE;
+  if (::fstat(fd, &st) != 0) {
+    fileSystem().close(fd);
+    return kNotifyStatusFailed;
+  }
+  // Checked before mapping: a stranger's file is neither mapped nor grown.
+  if (!S_ISREG(st.st_mode) || (st.st_uid != ::geteuid() && st.st_uid != folder.owner)) {
+    fileSystem().close(fd);
+    return kNotifyStatusNotAuthorized;
+  }
+  auto file = std::make_shared<StateFile>(fd, folder.owner, accessMode != O_RDONLY);
+  if (!file->ready()) return kNotifyStatusFailed;
   *out = std::move(file);
   return kNotifyStatusOk;
 }
+
+// Lets the maps be searched with the caller's C string without building a std::string.
+struct NameHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view name) const { return std::hash<std::string_view>{}(name); }
+};
 
 struct Registration {
   Registration(int t, std::string n, SerialQueue* q, std::function<void(int)> h)
@@ -227,9 +292,42 @@ class Notifier {
     return *notifier;
   }
 
+  // The name's file opened for writing. A process keeps the files it posts to open, and checks
+  // with one fstat(2) that each is still the name's file before using it again.
+  uint32_t writableFile(const char* name, std::shared_ptr<StateFile>* out) {
+    if (!validName(name)) return kNotifyStatusInvalidName;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto it = writable_.find(std::string_view(name));
+      if (it != writable_.end()) *out = it->second;
+    }
+    if (*out != nullptr && (*out)->stillValid()) return kNotifyStatusOk;
+    out->reset();
+    if (const uint32_t status = openStateFile(name, Access::kWrite, out);
+        status != kNotifyStatusOk) {
+      return status;
+    }
+    std::shared_ptr<StateFile> replaced;  // closed after the lock
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto [it, inserted] = writable_.try_emplace(name, *out);
+    if (!inserted) {
+      replaced = std::move(it->second);
+      it->second = *out;
+    }
+    return kNotifyStatusOk;
+  }
+
+  uint32_t post(const char* name) {
+    std::shared_ptr<StateFile> file;
+    if (const uint32_t status = writableFile(name, &file); status != kNotifyStatusOk) {
+      return status;
+    }
+    return file->post() ? kNotifyStatusOk : kNotifyStatusFailed;
+  }
+
   uint32_t registerCheck(const char* name, int* outToken) {
     std::shared_ptr<StateFile> file;
-    if (const uint32_t status = openStateFile(name, Access::kWrite, &file);
+    if (const uint32_t status = writableFile(name, &file);
         status != kNotifyStatusOk) {
       return status;
     }
@@ -255,7 +353,7 @@ class Notifier {
     if (watched.file == nullptr) {
       // The folder is watched already, so a post after this read is seen.
       Record record;
-      if (!readRecord(file->fd(), &record)) {
+      if (!file->read(&record)) {
         names_.erase(name);
         return kNotifyStatusFailed;
       }
@@ -275,16 +373,14 @@ class Notifier {
   uint32_t setState(int token, uint64_t state) {
     std::shared_ptr<StateFile> file = fileOf(token);
     if (file == nullptr) return kNotifyStatusInvalidToken;
-    return updateRecord(file->fd(), [state](Record& r) { r.state = state; })
-               ? kNotifyStatusOk
-               : kNotifyStatusFailed;
+    return file->setState(state) ? kNotifyStatusOk : kNotifyStatusFailed;
   }
 
   uint32_t getState(int token, uint64_t* outState) {
     std::shared_ptr<StateFile> file = fileOf(token);
     if (file == nullptr) return kNotifyStatusInvalidToken;
     Record record;
-    if (!readRecord(file->fd(), &record)) return kNotifyStatusFailed;
+    if (!file->read(&record)) return kNotifyStatusFailed;
     *outState = record.state;
     return kNotifyStatusOk;
   }
@@ -437,7 +533,7 @@ class Notifier {
       }
     }
     Record record;
-    if (!readRecord(file->fd(), &record)) return;
+    if (!file->read(&record)) return;
     std::vector<std::shared_ptr<Registration>> due;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -469,6 +565,8 @@ class Notifier {
   int nextToken_ = 1;                              // guarded by mutex_
   std::unordered_map<int, Entry> tokens_;          // guarded by mutex_
   std::unordered_map<std::string, Watched> names_;  // guarded by mutex_
+  // Files this process posts to, by name; guarded by mutex_.
+  std::unordered_map<std::string, std::shared_ptr<StateFile>, NameHash, std::equal_to<>> writable_;
   int inotifyFd_ = -1;                              // guarded by mutex_; set once
 };
 
@@ -498,15 +596,7 @@ uint32_t notify_get_state(int token, uint64_t* outState) {
 }
 
 uint32_t notify_post(const char* name) {
-  return guarded([&] {
-    std::shared_ptr<StateFile> file;
-    if (const uint32_t status = openStateFile(name, Access::kWrite, &file);
-        status != kNotifyStatusOk) {
-      return status;
-    }
-    return updateRecord(file->fd(), [](Record& r) { ++r.generation; }) ? kNotifyStatusOk
-                                                                         : kNotifyStatusFailed;
-  });
+  return guarded([&] { return Notifier::instance().post(name); });
 }
 
 uint32_t notify_cancel(int token) {

@@ -45,16 +45,21 @@ inline constexpr std::size_t kNotifyMaxNameLength = 255;
 
 // Opens `name` for setting its state and posting it (creating its file if needed); *outToken
 // receives a token for notify_set_state / notify_get_state / notify_cancel. Fails when the caller
-// may not post the name. Blocks only on the file system.
+// may not post the name. The process keeps the file open for later checks and posts of the same
+// name (it is checked again with fstat(2) each time), so the right to post is decided when the
+// process first opens the name. Blocks only on the file system.
 uint32_t notify_register_check(const char* name, int* outToken);
 
-// Stores `state` as the name's state word. Wakes nobody. Blocks briefly on the file's lock.
+// Stores `state` as the name's state word: an atomic store into the shared mapping of the name's
+// file, no system call. Wakes nobody. Fails for a token whose file is not writable.
 uint32_t notify_set_state(int token, uint64_t state);
 
-// The name's current state word (0 for a name never set). Works for check and dispatch tokens.
+// The name's current state word (0 for a name never set), an atomic load. Works for check and
+// dispatch tokens.
 uint32_t notify_get_state(int token, uint64_t* outState);
 
-// Wakes every registration of `name` in every process. Opens, locks and writes the name's file.
+// Wakes every registration of `name` in every process: one pwrite(2) of a new post generation
+// to the name's file (opened, or reused, as by notify_register_check).
 uint32_t notify_post(const char* name);
 
 // Ends a registration and closes its file. A delivery already queued for a dispatch token is

@@ -152,6 +152,7 @@ struct Locker {
     worker = Worker::start([path, release, locked] {
       sqlite3* db = nullptr;
       if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) return 1;
+      sqlite3_busy_timeout(db, 5000);
       if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) return 2;
       char byte = 1;
       if (::write(locked[1], &byte, 1) != 1) return 3;
@@ -215,7 +216,9 @@ TEST(Metrics, ValuesWrittenWhileLockedPastTheTimeoutArriveInOrderAfterwards) {
   EXPECT_EQ(locker.wait(), 0);
 
   // Nothing else is written: the kept values arrive by themselves.
-  for (int i = 0; i < 100 && storedValue("level") != 7; ++i) std::this_thread::sleep_for(50ms);
+  for (int i = 0; i < 100 && (storedValue("level") != 7 || storedValue("seed") != 11); ++i) {
+    std::this_thread::sleep_for(50ms);
+  }
   EXPECT_EQ(storedValue("level"), 7);
   EXPECT_EQ(storedValue("seed"), 11);
 

@@ -375,19 +375,8 @@ TEST(Notify, LinksOtherFileKindsAndStrangersFilesAreRefused) {
 TEST(Notify, OnlyWhoMayWriteTheFolderMayPostButOthersMayListen) {
   test::Sandbox sandbox;
   sandbox.install();
-  int token = 0;
-  ASSERT_EQ(notify_register_check("guarded", &token), kNotifyStatusOk);
-  ASSERT_EQ(notify_set_state(token, 5), kNotifyStatusOk);
-  const std::string dir = folder(sandbox);
   const bool root = ::geteuid() == 0;
-  if (root) {
-    for (fs::path p = dir; p != fs::path("/"); p = p.parent_path()) {
-      fs::permissions(p, fs::perms::others_exec, fs::perm_options::add);
-    }
-  } else {
-    ASSERT_EQ(::chmod(dir.c_str(), 0555), 0);
-  }
-
+  // Forked first: a process that already holds a name's file open keeps it.
   Child child([root] {
     if (root && (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)) {
       return 10;
@@ -406,6 +395,20 @@ TEST(Notify, OnlyWhoMayWriteTheFolderMayPostButOthersMayListen) {
     if (notify_get_state(listen, &state) != kNotifyStatusOk || state != 5) return 5;
     return 0;
   });
+
+  int token = 0;
+  ASSERT_EQ(notify_register_check("guarded", &token), kNotifyStatusOk);
+  ASSERT_EQ(notify_set_state(token, 5), kNotifyStatusOk);
+  const std::string dir = folder(sandbox);
+  // Root may write anything, so the child drops to an unprivileged user; otherwise the folder
+  // is made read-only for its owner.
+  if (root) {
+    for (fs::path p = dir; p != fs::path("/"); p = p.parent_path()) {
+      fs::permissions(p, fs::perms::others_exec, fs::perm_options::add);
+    }
+  } else {
+    ASSERT_EQ(::chmod(dir.c_str(), 0555), 0);
+  }
   child.go();
   EXPECT_EQ(child.wait(), 0);
   uint64_t state = 0;
@@ -451,22 +454,19 @@ TEST(Report, PacksTypeDataAndEnergyIntoTheStateWord) {
   EXPECT_EQ(state, 0x0004'0000'0000'0032ULL);
 }
 
-// Fails every write while armed: the state cannot be stored.
-class FailingWrites : public FileSystem {
+// While armed, state files open read-only whatever was asked: the state cannot be stored.
+class ReadOnlyOpens : public FileSystem {
  public:
-  ssize_t write(int fd, const void* data, size_t size) override {
-    if (armed) {
-      errno = ENOSPC;
-      return -1;
-    }
-    return FileSystem::write(fd, data, size);
+  int open(const char* path, int flags, mode_t mode) override {
+    if (armed) flags = (flags & ~(O_RDWR | O_WRONLY | O_CREAT | O_EXCL)) | O_RDONLY;
+    return FileSystem::open(path, flags, mode);
   }
   std::atomic<bool> armed{false};
 };
 
 TEST(Report, EachReportWakesTheListenerAndAFailedStateWritePostsNothing) {
   test::Sandbox sandbox;
-  auto files = std::make_shared<FailingWrites>();
+  auto files = std::make_shared<ReadOnlyOpens>();
   kelo::platform::Overrides overrides;
   overrides.fileSystem = files;
   sandbox.install(std::move(overrides));
@@ -489,6 +489,7 @@ TEST(Report, EachReportWakesTheListenerAndAFailedStateWritePostsNothing) {
   ASSERT_TRUE(inbox.waitFor(1));
   EXPECT_EQ(inbox.states().back(), 0x0001'0000'0000'00A1ULL);
 
+  // This process opens the report's file for the first time here, read-only.
   files->armed = true;
   reportCumuNonDiscretionaryBackgroundDownload(20, 2);
   files->armed = false;
@@ -496,12 +497,11 @@ TEST(Report, EachReportWakesTheListenerAndAFailedStateWritePostsNothing) {
   ASSERT_TRUE(marker.waitFor(1));
   queue.sync([] {});
   EXPECT_EQ(inbox.states().size(), 1u);
+  // The file the process keeps is still the read-only one.
   int sender = 0;
   ASSERT_EQ(notify_register_check(kReportName, &sender), kNotifyStatusOk);
-  files->armed = true;
   EXPECT_EQ(notify_set_state(sender, 9), kNotifyStatusFailed);
   EXPECT_EQ(notify_post(kReportName), kNotifyStatusFailed);
-  files->armed = false;
 }
 
 }  // namespace
