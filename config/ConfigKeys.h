@@ -197,14 +197,34 @@ constexpr std::array<uint8_t, kBucketCount> makeBuckets() {
 
 inline constexpr std::array<uint8_t, kBucketCount> kBuckets = makeBuckets();
 
+constexpr bool keysAreLongAscii() {
+  for (const KeyInfo& k : kKeys) {
+    if (k.name.size() < 8) return false;
+    for (char c : k.name) {
+      if (static_cast<unsigned char>(c) >= 0x80) return false;
+    }
+  }
+  return true;
+}
+// keyId compares whole eight-byte words; getStateForC skips the UTF-8 check on a hit.
+static_assert(keysAreLongAscii(), "configuration keys must be ASCII and at least 8 bytes");
+
 }  // namespace detail
 
 // The id of `key` (its index in kKeys) by exact, case-sensitive match; -1 for any other string.
 inline int keyId(std::string_view key) {
+  if (key.size() < 8) return -1;  // shorter than every key
   const uint8_t entry = detail::kBuckets[detail::bucketOf(key, detail::kSeed)];
   if (entry == 0) return -1;
   const std::string_view name = kKeys[entry - 1u].name;
-  if (name.size() != key.size() || std::memcmp(name.data(), key.data(), key.size()) != 0) {
+  const size_t n = key.size();
+  if (name.size() != n) return -1;
+  // Every key is at least eight bytes long: compare word by word, the last word overlapping,
+  // which beats a call to memcmp for keys this short.
+  for (size_t i = 0; i + 8 < n; i += 8) {
+    if (detail::loadWord(name.data() + i, 8) != detail::loadWord(key.data() + i, 8)) return -1;
+  }
+  if (detail::loadWord(name.data() + n - 8, 8) != detail::loadWord(key.data() + n - 8, 8)) {
     return -1;
   }
   return entry - 1;

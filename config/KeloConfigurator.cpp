@@ -18,6 +18,9 @@ namespace kelo {
 
 namespace {
 
+// Outside the class so that getStateForC can peek at it without creating it.
+platform::Singleton<KeloConfigurator> gShared;
+
 constexpr const char* kMobileBundlePath = "/var/mobile/Library/Kelo/KeloMobileConfig.bundle";
 constexpr const char* kSystemBundlePath = "/System/Library/Kelo/KeloConfiguration.bundle";
 constexpr const char* kOverrideDomain = "com.vorn.Kelo";
@@ -26,8 +29,6 @@ constexpr const char* kHavenDomain = "com.vorn.haven";
 constexpr const char* kTessdDomain = "com.vorn.tessd";
 // sysctlbyname("hw.machine") fills a buffer of this size.
 constexpr size_t kModelBufferSize = 64;
-
-platform::Singleton<KeloConfigurator> gShared;
 
 std::shared_ptr<const platform::Bundle> openBundle() {
   if (auto mobile = platform::Bundle::open(platform::devicePath(kMobileBundlePath))) return mobile;
@@ -240,10 +241,18 @@ std::shared_ptr<const platform::Bundle> KeloConfigurator::currentBundle() const 
 
 extern "C" long long getStateForC(const char* key) {
   if (key == nullptr) return 0;
-  const size_t size = std::strlen(key);
-  if (!kelo::config::isValidUtf8(key, size)) return 0;
+  const std::string_view view(key);
   try {
-    return kelo::KeloConfigurator::sharedInstance()->stateFor(std::string_view(key, size), key);
+    // Every key is ASCII, so a key the store holds is valid UTF-8 as it stands: the validation
+    // is needed only on a miss, and a lookup in an existing store has no effect to undo. The
+    // store is not created for a key that fails the validation.
+    int64_t reading;
+    if (kelo::KeloConfigurator* existing = kelo::gShared.peek();
+        existing != nullptr && existing->dictOfConfigurations_->find(view, &reading)) {
+      return reading;
+    }
+    if (!kelo::config::isValidUtf8(view.data(), view.size())) return 0;
+    return kelo::KeloConfigurator::sharedInstance()->stateFor(view, key);
   } catch (...) {
     // Only an allocation failure while creating the configurator can get here.
     return -1;
