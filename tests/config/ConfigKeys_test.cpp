@@ -33,22 +33,6 @@ TEST(ConfigKeysTest, EveryKeyFindsItselfAndNothingElseMatches) {
   EXPECT_EQ(keyId(std::string_view("maxFetchApps\0", 13)), -1);
 }
 
-TEST(ConfigKeysTest, GroupsFollowTheLoadOrder) {
-  // The keys of one group are contiguous, and groups appear in the order they are read, except
-  // the haven keys, which are stored last although their group is read before the predictions.
-  EXPECT_EQ(keyId("allowFetchSlideToUnlock"), 48);
-  EXPECT_EQ(kKeys[48].group, Group::kWhenToLaunch);
-  EXPECT_EQ(keyId("LaunchTimeLimit"), 19);
-  EXPECT_EQ(keyId("HVBackgroundFetchWatchdogExtension"), 76);
-  EXPECT_EQ(kKeys[76].group, Group::kHaven);
-  int previous = 0;
-  for (const KeyInfo& k : kKeys) {
-    const int order = k.group == Group::kHaven ? 99 : static_cast<int>(k.group);
-    EXPECT_GE(order, previous) << k.name;
-    previous = order;
-  }
-}
-
 struct Utf8Case {
   const char* name;
   std::string bytes;

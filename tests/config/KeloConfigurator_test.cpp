@@ -324,9 +324,14 @@ TEST_F(KeloConfiguratorTest, HavenValueOfTheOverrideIsWrittenLast) {
 
 TEST_F(KeloConfiguratorTest, CKeysThatAreNotUtf8ReadZeroWithoutALine) {
   install();
-  test::writeBundle(sandbox_, kSystemBundle, R"({"commonDefaults": {"maxFetchApps": 3}})");
+  test::writeBundle(sandbox_, kSystemBundle, R"({"commonDefaults": {"maxFetchApps": 3},
+    "haven": {"HVBackgroundFetchWatchdogExtension": 10}})");
   test::startDetailedLogging();
+  // A key that fails the check does not even create the configurator (which would write).
+  EXPECT_EQ(getStateForC("\xFFmaxFetchApps"), 0);
+  EXPECT_FALSE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.haven")));
   EXPECT_EQ(getStateForC("maxFetchApps"), 3);
+  EXPECT_TRUE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.haven")));
   EXPECT_EQ(getStateForC("max\xC3\xA9"), -1);
   EXPECT_EQ(getStateForC("max\xE9"), 0);
   EXPECT_EQ(getStateForC("\xED\xA0\x80maxFetchApps"), 0);
@@ -360,7 +365,7 @@ TEST_F(KeloConfiguratorTest, LookupsDuringReloadsSeeOnlyWholeValues) {
   std::atomic<int> bad{0};
   std::vector<std::thread> readers;
   for (int t = 0; t < 3; ++t) {
-    readers.emplace_back([&] {
+    readers.emplace_back([&, t] {
       while (!stop.load()) {
         const int64_t v =
             t % 2 ? getStateForC("globalPowerBudget") : c->getStateFor("globalPowerBudget");

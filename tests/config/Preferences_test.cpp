@@ -66,18 +66,6 @@ TEST_F(PreferencesTest, StagedChangesReachTheFileOnlyWhenSynchronised) {
   EXPECT_TRUE(sandbox_.systemLines().empty());
 }
 
-TEST_F(PreferencesTest, SynchroniseWithNothingStagedWritesNothing) {
-  auto files = std::make_shared<test::CountingFileSystem>();
-  Overrides o;
-  o.fileSystem = files;
-  install(o);
-  auto domain = PreferencesDomain::open("com.example.idle");
-  EXPECT_TRUE(domain->synchronize());
-  EXPECT_FALSE(Sandbox::exists(file("com.example.idle")));
-  EXPECT_TRUE(domain->contents().asDictionary().empty());
-  EXPECT_EQ(files->renamesInto("com.example.idle.json"), 0);
-}
-
 TEST_F(PreferencesTest, MalformedFileIsMovedAsideNeverOverwritten) {
   install();
   const std::string path = file("com.example.bad");
