@@ -54,6 +54,10 @@ SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {}
 
 SerialQueue::~SerialQueue() {
   sync([] {});
+  // Another thread that just finished an inline task may still be assigning worker_ inside
+  // call_once, even though the worker it started already ran our sync task; a passive call_once
+  // waits for that assignment and makes it visible.
+  std::call_once(workerStarted_, [] {});
   if (worker_.joinable()) {
     stopping_.store(true, std::memory_order_seq_cst);
     wake_.store(1, std::memory_order_seq_cst);
