@@ -1,5 +1,6 @@
 // The three evaluations of a cycle's launches: prediction zones, prewarm zones, and prewarm
 // hits and misses.
+#include <bit>
 #include <cstdint>
 
 #include "kelo/AppLaunchStatsCumu.h"
@@ -15,6 +16,7 @@ namespace {
 constexpr int kMinutesPerSlot = 15;
 // The slot difference that stands for "no prewarm found".
 constexpr int32_t kNoPrewarm = 10;
+constexpr uint32_t kMinuteBits = 0x7FFF;
 
 uint32_t slotValue(const AppLaunchStatsCumu::SlotArray* slots, int64_t index) {
   if (slots == nullptr || index < 0 || index >= AppLaunchStatsCumu::kSlotCount) return 0;
@@ -28,7 +30,19 @@ int highestMinute(uint32_t value) {
   return h;
 }
 
-bool hasMinute(uint32_t value, int minute) { return ((value >> minute) & 1u) != 0; }
+// Bits `from` down to `to` (inclusive) set; empty when to > from.
+uint32_t minuteRange(int32_t to, int32_t from) {
+  if (to > from) return 0;
+  return ((2u << from) - 1u) & ~((1u << to) - 1u);
+}
+
+// Calls f(m) for each minute bit 0..14 set in `bits`, lowest first.
+template <class F>
+void forEachMinute(uint32_t bits, F f) {
+  for (uint32_t rest = bits & kMinuteBits; rest != 0; rest &= rest - 1) {
+    f(std::countr_zero(rest));
+  }
+}
 
 // The zone of a prewarm `diff` slots before the launch (after it when negative), for the
 // differences that need no minute comparison.
@@ -46,7 +60,7 @@ int zoneForSlotDistance(int32_t diff) {
 
 }  // namespace
 
-void AppLaunchStatsCumu::countZone(int zone) { wrapAdd(prewarmZoneCounts_[zone], 1); }
+inline void AppLaunchStatsCumu::countZone(int zone) { wrapAdd(prewarmZoneCounts_[zone], 1); }
 
 void AppLaunchStatsCumu::populatePredictZones(PredictZoneCallback callback) {
   if (!callback) return;
@@ -178,8 +192,7 @@ void AppLaunchStatsCumu::accountOnQueue(const SlotArray* prewarm, int32_t slot, 
   const auto prewarmBits = static_cast<uint32_t>(pv);
   if (diff == 1) {
     const int h = highestMinute(prewarmBits);
-    for (int m = 0; m < kMinutesPerSlot; ++m) {
-      if (!hasMinute(launchBits, m)) continue;
+    forEachMinute(launchBits, [&](int m) {
       if ((15 - h) + m < 16) {
         countZone(3);
         KELO_CLOG("prewarmPreDate15M ++");
@@ -187,14 +200,12 @@ void AppLaunchStatsCumu::accountOnQueue(const SlotArray* prewarm, int32_t slot, 
         countZone(2);
         KELO_CLOG("prewarmPreDate30M ++");
       }
-    }
+    });
     return;
   }
   if (diff == 0) {
-    for (int m = 0; m < kMinutesPerSlot; ++m) {
-      if (!hasMinute(launchBits, m)) continue;
-      const uint32_t upToMinute = (2u << m) - 1u;
-      if ((prewarmBits & upToMinute) != 0) {
+    forEachMinute(launchBits, [&](int m) {
+      if ((prewarmBits & minuteRange(0, m)) != 0) {
         countZone(3);
         KELO_CLOG("prewarmPreDate15M ++");
       } else {
@@ -202,15 +213,14 @@ void AppLaunchStatsCumu::accountOnQueue(const SlotArray* prewarm, int32_t slot, 
         countZone(zone);
         KELO_CLOG("zone %d ++", zone);
       }
-    }
+    });
     return;
   }
   const int zone = zoneForSlotDistance(diff);
-  for (int m = 0; m < kMinutesPerSlot; ++m) {
-    if (!hasMinute(launchBits, m)) continue;
+  forEachMinute(launchBits, [&](int) {
     countZone(zone);
     KELO_CLOG("zone %d ++", zone);
-  }
+  });
 }
 
 void AppLaunchStatsCumu::calculatePrewarmHitMiss(const SlotArray* prewarm,
@@ -222,10 +232,8 @@ void AppLaunchStatsCumu::hitMissOnQueue(const SlotArray* prewarm, const SlotArra
   int32_t lastSlot = -1;
   int32_t lastMinute = -1;
   for (int32_t s = 0; s < kSlotCount; ++s) {
-    const uint32_t lv = launch[s];
-    if (lv == 0) continue;
-    for (int32_t m = 0; m < kMinutesPerSlot; ++m) {
-      if (!hasMinute(lv, m)) continue;
+    for (uint32_t rest = launch[s] & kMinuteBits; rest != 0; rest &= rest - 1) {
+      const int32_t m = std::countr_zero(rest);
       // The first launch and a launch without any prewarm array end the slot at once, while a
       // launch that searched the prewarms lets the slot's later minutes be looked at too.
       if (lastSlot == -1) {
@@ -240,16 +248,12 @@ void AppLaunchStatsCumu::hitMissOnQueue(const SlotArray* prewarm, const SlotArra
         lastMinute = m;
         break;
       }
+      // Prewarms after the last counted launch, up to and including this one's minute.
       bool hit = false;
       for (int32_t j = s; j >= lastSlot && !hit; --j) {
         const int32_t from = j == s ? m : 15;
         const int32_t to = j == lastSlot ? lastMinute + 1 : 0;
-        for (int32_t minute = from; minute >= to; --minute) {
-          if (hasMinute((*prewarm)[j], minute)) {
-            hit = true;
-            break;
-          }
-        }
+        hit = ((*prewarm)[j] & minuteRange(to, from)) != 0;
       }
       wrapAdd(hit ? prewarmHits_ : prewarmMiss_, 1);
       lastSlot = s;
