@@ -60,7 +60,7 @@ int zoneForSlotDistance(int32_t diff) {
 
 }  // namespace
 
-inline void AppLaunchStatsCumu::countZone(int zone) { wrapAdd(prewarmZoneCounts_[zone], 1); }
+void AppLaunchStatsCumu::countZone(int zone) { wrapAdd(prewarmZoneCounts_[zone], 1); }
 
 void AppLaunchStatsCumu::populatePredictZones(PredictZoneCallback callback) {
   if (!callback) return;

@@ -117,6 +117,24 @@ TEST_F(ZonesTest, PrewarmZoneLinesNameSlotsAndValues) {
                    }));
 }
 
+TEST_F(ZonesTest, SameSlotLinesTellTheBackwardLook) {
+  enableLog();
+  prewarm("c", {{4, 0}, {10, 5}});
+  launch("c", {{10, 3}, {10, 6}});
+  const std::size_t recorded = logTexts().size();
+  evaluatePrewarms();
+  std::vector<std::string> lines = logTexts();
+  lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(recorded));
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       "calculate prewarm hit on app c",
+                       "app c, slot (10, 10) val (72 32)",
+                       "backward look found 4 - from 10, val 1",
+                       "zone 7 ++",
+                       "prewarmPreDate15M ++",
+                       "========Prewarm data uploaded",
+                   }));
+}
+
 TEST_F(ZonesTest, LaunchesWithoutPrewarmArrayCountNoneAndAtMostOneMissPerSlot) {
   enableLog();
   launch("a", {{2, 0}, {2, 5}, {3, 1}, {3, 2}, {10, 0}, {10, 14}});
