@@ -78,6 +78,23 @@ std::string sealedProcessName() {
 
 }  // namespace
 
+namespace logging {
+
+// The work of the logger's queue. A friend rather than private members, so that none of it is
+// exported with the class.
+class LoggerTasks {
+ public:
+  static void openLiveFile(KeloLogger& l);
+  static void closeLiveFile(KeloLogger& l);
+  static void writeDump(KeloLogger& l);
+  static void writeLine(KeloLogger& l, int level, const char* text);
+  static void setCanWriteToFile(KeloLogger& l, bool value);
+};
+
+}  // namespace logging
+
+using logging::LoggerTasks;
+
 KeloLogger* KeloLogger::instance() {
   if (KeloLogger* detailed = gSlots[0].load(std::memory_order_acquire)) return detailed;
   std::call_once(gCreateOnce, [] {
@@ -113,8 +130,9 @@ KeloLogger::~KeloLogger() {
 
 void KeloLogger::addDataSource(std::shared_ptr<KeloLoggerProtocol> source) {
   if (source == nullptr) return;
-  logQueue_->post(
-      [this, source = std::move(source)]() mutable { keloLoggerSource_.push_back(std::move(source)); });
+  logQueue_->post([this, source = std::move(source)]() mutable {
+    keloLoggerSource_.push_back(std::move(source));
+  });
 }
 
 void KeloLogger::addDataSource(KeloLoggerProtocol* source) {
@@ -140,104 +158,109 @@ void KeloLogger::createFile() {
   const std::string destination = getUniqueFileName();
   // A folder that cannot be made shows up as the failed move below.
   fileMgr_->createDirectoryAtPath(homeDir_ + kDiagnosticFolder, kFolderMode);
-  if (!fileMgr_->moveItemAtPath(filePath_, destination)) {
-    consoleFailure("Move", errno);
-  }
+  if (!fileMgr_->moveItemAtPath(filePath_, destination)) consoleFailure("Move", errno);
 }
 
 void KeloLogger::setLoggingMode(bool mode) {
   logQueue_->post([this, mode] {
     if (mode) {
-      openLiveFile();
+      LoggerTasks::openLiveFile(*this);
     } else {
-      closeLiveFile();
+      LoggerTasks::closeLiveFile(*this);
     }
   });
 }
 
-void KeloLogger::openLiveFile() {
-  if (fd_ != 0) {
-    setCanWriteToFile(true);
+void KeloLogger::dumpAllLogs() {
+  logQueue_->post([this] { LoggerTasks::writeDump(*this); });
+}
+
+void KeloLogger::logToFile(const std::string& message) {
+  LoggerTasks::writeLine(*this, 6, message.c_str());
+}
+
+void KeloLogger::logToFileCString(const char* message) {
+  LoggerTasks::writeLine(*this, 6, message);
+}
+
+void KeloLogger::logToFileCStringSimpleDebug(const char* message) {
+  LoggerTasks::writeLine(*this, 7, message);
+}
+
+void LoggerTasks::openLiveFile(KeloLogger& l) {
+  if (l.fd_ != 0) {
+    setCanWriteToFile(l, true);
     return;
   }
-  if (firstTime_) {
-    firstTime_ = false;
-    createFile();
+  if (l.firstTime_) {
+    l.firstTime_ = false;
+    l.createFile();
   }
   // A folder that cannot be made shows up as the failed open below.
-  fileMgr_->createDirectoryAtPath(homeDir_ + kLogsFolder, kFolderMode);
-  fd_ = platform::fileSystem().open(filePath_.c_str(), kOpenFlags, kFileMode);
+  l.fileMgr_->createDirectoryAtPath(l.homeDir_ + kLogsFolder, kFolderMode);
+  l.fd_ = platform::fileSystem().open(l.filePath_.c_str(), kOpenFlags, kFileMode);
   // Only descriptor 0 counts as a failure; -1 goes on and its writes fail quietly.
-  if (fd_ == 0) {
+  if (l.fd_ == 0) {
     consoleFailure("Create", errno);
-    fd_ = 0;
+    l.fd_ = 0;
     return;
   }
-  log_client_ = vsl_open(binaryName_.c_str(), filePath_.c_str(), VSL_OPT_NO_DELAY);
-  log_msg_ = vsl_new(VSL_TYPE_MSG);
-  vsl_add_log_file(log_client_, fd_);
-  vsl_set_output_file_filter(log_client_, fd_, kFileFilter);
-  for (const std::shared_ptr<KeloLoggerProtocol>& source : keloLoggerSource_) {
-    callSource(*source, &KeloLoggerProtocol::logLight, log_client_, log_msg_);
+  l.log_client_ = vsl_open(l.binaryName_.c_str(), l.filePath_.c_str(), VSL_OPT_NO_DELAY);
+  l.log_msg_ = vsl_new(VSL_TYPE_MSG);
+  vsl_add_log_file(l.log_client_, l.fd_);
+  vsl_set_output_file_filter(l.log_client_, l.fd_, kFileFilter);
+  for (const std::shared_ptr<KeloLoggerProtocol>& source : l.keloLoggerSource_) {
+    callSource(*source, &KeloLoggerProtocol::logLight, l.log_client_, l.log_msg_);
   }
-  setCanWriteToFile(true);
+  setCanWriteToFile(l, true);
 }
 
-void KeloLogger::closeLiveFile() {
-  if (fd_ != 0 && !firstTime_) {
-    platform::fileSystem().close(fd_);
-    vsl_close(log_client_);
-    fd_ = 0;
-    log_msg_ = nullptr;
-    log_client_ = nullptr;
+void LoggerTasks::closeLiveFile(KeloLogger& l) {
+  if (l.fd_ != 0 && !l.firstTime_) {
+    platform::fileSystem().close(l.fd_);
+    vsl_close(l.log_client_);
+    l.fd_ = 0;
+    l.log_msg_ = nullptr;
+    l.log_client_ = nullptr;
   }
-  setCanWriteToFile(false);
+  setCanWriteToFile(l, false);
 }
 
-void KeloLogger::dumpAllLogs() {
-  logQueue_->post([this] { writeDump(); });
-}
-
-void KeloLogger::writeDump() {
-  const std::string path = getUniqueFileName() + "-FullDump.log";
-  fileMgr_->createDirectoryAtPath(homeDir_ + kDiagnosticFolder, kFolderMode);
+void LoggerTasks::writeDump(KeloLogger& l) {
+  const std::string path = l.getUniqueFileName() + "-FullDump.log";
+  l.fileMgr_->createDirectoryAtPath(l.homeDir_ + kDiagnosticFolder, kFolderMode);
   const int fd = platform::fileSystem().open(path.c_str(), kOpenFlags, kFileMode);
   if (fd == 0) {
     consoleFailure("Create", errno);
     return;
   }
-  vsl_client_t client = vsl_open(binaryName_.c_str(), "KeloDump", VSL_OPT_NO_DELAY);
+  vsl_client_t client = vsl_open(l.binaryName_.c_str(), "KeloDump", VSL_OPT_NO_DELAY);
   vsl_msg_t message = vsl_new(VSL_TYPE_MSG);
   if (client == nullptr || message == nullptr) {
+    // The dump file is left open, as the platform's logger leaves it.
     platform::systemLog(LOG_ERR, "Cannot open VSL");
     vsl_close(client);
     return;
   }
   vsl_add_log_file(client, fd);
   vsl_set_output_file_filter(client, fd, kFileFilter);
-  for (const std::shared_ptr<KeloLoggerProtocol>& source : keloLoggerSource_) {
+  for (const std::shared_ptr<KeloLoggerProtocol>& source : l.keloLoggerSource_) {
     callSource(*source, &KeloLoggerProtocol::logAll, client, message);
   }
   platform::fileSystem().close(fd);
   vsl_close(client);
 }
 
-void KeloLogger::writeLine(int level, const char* text) {
-  logQueue_->sync([&] {
-    if (fd_ == 0 || text == nullptr) return;
-    vsl_log(log_client_, log_msg_, level, "%s", text);
+void LoggerTasks::writeLine(KeloLogger& l, int level, const char* text) {
+  l.logQueue_->sync([&] {
+    if (l.fd_ == 0 || text == nullptr) return;
+    vsl_log(l.log_client_, l.log_msg_, level, "%s", text);
   });
 }
 
-void KeloLogger::logToFile(const std::string& message) { writeLine(6, message.c_str()); }
-
-void KeloLogger::logToFileCString(const char* message) { writeLine(6, message); }
-
-void KeloLogger::logToFileCStringSimpleDebug(const char* message) { writeLine(7, message); }
-
-void KeloLogger::setCanWriteToFile(bool value) {
+void LoggerTasks::setCanWriteToFile(KeloLogger& l, bool value) {
   std::lock_guard<std::mutex> lock(gGateMutex);
-  canWriteToFile_.store(value, std::memory_order_relaxed);
+  l.canWriteToFile_.store(value, std::memory_order_relaxed);
   recomputeGatesLocked();
 }
 

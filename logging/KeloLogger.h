@@ -28,6 +28,10 @@ class SerialQueue;
 class FileManager;
 }  // namespace platform
 
+namespace logging {
+class LoggerTasks;  // the queue work, kept out of the exported interface
+}  // namespace logging
+
 class KELO_EXPORT KeloLogger {
  public:
   // The detailed logger. The first call creates both loggers, switched off; they are never
@@ -80,11 +84,7 @@ class KELO_EXPORT KeloLogger {
   bool canWriteToFile() const { return canWriteToFile_.load(std::memory_order_relaxed); }
 
  private:
-  void openLiveFile();
-  void closeLiveFile();
-  void writeDump();
-  void writeLine(int level, const char* text);
-  void setCanWriteToFile(bool value);
+  friend class logging::LoggerTasks;
 
   // Queue only, unless marked otherwise.
   vsl_client_t log_client_ = nullptr;  // null while closed
