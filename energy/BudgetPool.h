@@ -16,8 +16,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -35,6 +33,7 @@ class KELO_EXPORT BudgetPool : public KeloLoggerProtocol {
 
   // A pool with no records and a running total of 0. Limits and mode never change afterwards.
   BudgetPool(int64_t globalLimit, int64_t andItemLimit, int32_t withBudgetMode);
+  ~BudgetPool() override;
   BudgetPool(const BudgetPool&) = delete;
   BudgetPool& operator=(const BudgetPool&) = delete;
 
@@ -79,14 +78,8 @@ class KELO_EXPORT BudgetPool : public KeloLoggerProtocol {
   std::size_t itemCount() const;
 
  private:
-  struct KeyHash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view key) const noexcept {
-      return std::hash<std::string_view>{}(key);
-    }
-  };
-  using Items =
-      std::unordered_map<std::string, std::shared_ptr<PoolResource>, KeyHash, std::equal_to<>>;
+  // The records in order of creation, with a hash index over them; defined in BudgetPool.cpp.
+  class Items;
 
   // The records, copied under the lock, so that a walk that logs holds no lock.
   std::vector<std::pair<std::string, std::shared_ptr<PoolResource>>> snapshot() const;
@@ -97,7 +90,7 @@ class KELO_EXPORT BudgetPool : public KeloLoggerProtocol {
   const int32_t budgetMode_;  // constant after construction
 
   mutable std::mutex itemsMutex_;  // guards itemsDictionary_; never held while logging
-  Items itemsDictionary_;
+  const std::unique_ptr<Items> itemsDictionary_;
 };
 
 }  // namespace kelo

@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
+#include <memory>
+#include <numeric>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -94,6 +98,32 @@ TEST_F(BudgetPoolTest, ResetsClearOnlyTheirOwnField) {
   expectRecords(pool, {{"A", 50, 50}});
   EXPECT_EQ(pool.currentGlobalPool(), 50);
   EXPECT_EQ(pool.itemCount(), 2u);
+}
+
+// Enough items to grow the pool's index many times, found again in the order of creation, in
+// reverse and shuffled.
+TEST_F(BudgetPoolTest, ManyItemsKeepTheirOwnRecordsInAnyOrder) {
+  constexpr int kItems = 5000;
+  BudgetPool pool(0, 0, BudgetPool::kCumulative);
+  std::vector<std::string> keys;
+  std::vector<std::shared_ptr<PoolResource>> records;
+  for (int i = 0; i < kItems; ++i) {
+    keys.push_back("com.example.application" + std::to_string(i));
+    pool.UpdateBudget(keys.back(), i);
+    records.push_back(pool.findPoolResource(keys.back()));
+  }
+  for (int i = kItems - 1; i >= 0; --i) {
+    ASSERT_EQ(pool.findPoolResource(keys[i]), records[i]) << i;
+    ASSERT_EQ(records[i]->currentItemPoolValue(), i);
+  }
+  std::vector<int> order(kItems);
+  std::iota(order.begin(), order.end(), 0);
+  std::shuffle(order.begin(), order.end(), std::mt19937(7));
+  for (int i : order) pool.UpdateBudget(keys[i], i + 1);
+  EXPECT_EQ(pool.itemCount(), static_cast<std::size_t>(kItems));
+  EXPECT_EQ(pool.totalDiffBudget(), kItems);
+  EXPECT_EQ(pool.totalBudget(), int64_t{kItems} * (kItems + 1) / 2);
+  EXPECT_EQ(pool.currentGlobalPool(), pool.totalBudget());
 }
 
 TEST_F(BudgetPoolTest, AdditiveChargesSumAndLeaveDiffsAlone) {
