@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -419,7 +420,32 @@ class Notifier {
     std::vector<std::shared_ptr<Registration>> registrations;
   };
 
-  Notifier() = default;
+  Notifier() {
+    ::pthread_atfork([] { instance().mutex_.lock(); }, [] { instance().mutex_.unlock(); },
+                     [] { instance().afterForkInChild(); });
+  }
+
+  // The child of fork(2) has this process's registrations but not its watcher thread, and must
+  // not read events from the inotify descriptor it shares with the parent. Its dispatch
+  // registrations end (their queues' workers are gone too); a new one starts a watcher of its
+  // own. Check registrations and kept files stay usable. mutex_ was held across the fork, so no
+  // thread of the parent left it locked.
+  void afterForkInChild() {
+    if (inotifyFd_ >= 0) {
+      ::close(inotifyFd_);
+      inotifyFd_ = -1;
+    }
+    for (auto it = tokens_.begin(); it != tokens_.end();) {
+      if (it->second.registration->queue != nullptr) {
+        it->second.registration->cancelled.store(true, std::memory_order_relaxed);
+        it = tokens_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    names_.clear();
+    mutex_.unlock();
+  }
 
   int newTokenLocked() {
     for (;;) {
@@ -567,7 +593,7 @@ class Notifier {
   std::unordered_map<std::string, Watched> names_;  // guarded by mutex_
   // Files this process posts to, by name; guarded by mutex_.
   std::unordered_map<std::string, std::shared_ptr<StateFile>, NameHash, std::equal_to<>> writable_;
-  int inotifyFd_ = -1;                              // guarded by mutex_; set once
+  int inotifyFd_ = -1;                              // guarded by mutex_
 };
 
 template <class F>
