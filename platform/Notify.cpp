@@ -62,7 +62,7 @@ bool writeWord(int fd, off_t offset, uint64_t value) {
 class StateFile {
  public:
   StateFile(int fd, uid_t folderOwner, bool writable)
-      : fd_(fd), folderOwner_(folderOwner), writable_(writable) {
+      : fd_(fd), folderOwner_(folderOwner), writable_(writable), checkedAtMs_(nowMs()) {
     tryMap();
   }
   ~StateFile() {
@@ -72,14 +72,10 @@ class StateFile {
   StateFile(const StateFile&) = delete;
   StateFile& operator=(const StateFile&) = delete;
 
-  bool writable() const { return writable_; }
-
   // Still the name's file: not unlinked, still a regular file of an allowed owner. Checked with
   // fstat(2) at most once a second, which keeps a report free of extra system calls.
   bool stillValid() {
-    const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            std::chrono::steady_clock::now().time_since_epoch())
-                            .count();
+    const int64_t now = nowMs();
     if (now - checkedAtMs_.load(std::memory_order_relaxed) < 1000) return true;
     struct stat st;
     const bool valid = ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink > 0 &&
@@ -122,6 +118,11 @@ class StateFile {
 
  private:
   static uint64_t nextGeneration();
+  static int64_t nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  }
 
   uint64_t* tryMap() {
     struct stat st;
@@ -146,7 +147,7 @@ class StateFile {
   const uid_t folderOwner_;
   const bool writable_;
   std::atomic<uint64_t*> words_{nullptr};
-  std::atomic<int64_t> checkedAtMs_{0};
+  std::atomic<int64_t> checkedAtMs_;  // steady clock, when the file was last found valid
 };
 
 // A post only has to change the generation to something no watcher has seen. Values unique per
@@ -293,8 +294,8 @@ class Notifier {
     return *notifier;
   }
 
-  // The name's file opened for writing. A process keeps the files it posts to open, and checks
-  // with one fstat(2) that each is still the name's file before using it again.
+  // The name's file opened for writing. A process keeps the files it posts to open and reuses
+  // them while they are still the names' files (StateFile::stillValid).
   uint32_t writableFile(const char* name, std::shared_ptr<StateFile>* out) {
     if (!validName(name)) return kNotifyStatusInvalidName;
     {
@@ -387,11 +388,13 @@ class Notifier {
   }
 
   uint32_t cancel(int token) {
-    std::shared_ptr<StateFile> closing;  // closed after the lock is released
+    // Released after the lock: closing a file and destroying a handler run outside it.
+    std::shared_ptr<StateFile> closing;
+    std::shared_ptr<Registration> registration;
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = tokens_.find(token);
     if (it == tokens_.end()) return kNotifyStatusInvalidToken;
-    std::shared_ptr<Registration> registration = std::move(it->second.registration);
+    registration = std::move(it->second.registration);
     closing = std::move(it->second.file);
     tokens_.erase(it);
     registration->cancelled.store(true, std::memory_order_release);
@@ -464,16 +467,16 @@ class Notifier {
     return named == names_.end() ? nullptr : named->second.file;
   }
 
+  // The folder rather than each file: a state file created (or replaced) after registration is
+  // noticed by its name.
+  static constexpr uint32_t kWatchMask =
+      IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR | IN_DONT_FOLLOW;
+
   uint32_t startWatcherLocked() {
     if (inotifyFd_ >= 0) return kNotifyStatusOk;
     const int fd = ::inotify_init1(IN_CLOEXEC);
     if (fd < 0) return kNotifyStatusFailed;
-    // The folder rather than each file: a state file created (or replaced) after registration
-    // is noticed by its name.
-    const std::string folder = folderPath();
-    if (::inotify_add_watch(fd, folder.c_str(),
-                            IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_ONLYDIR | IN_DONT_FOLLOW) <
-        0) {
+    if (::inotify_add_watch(fd, folderPath().c_str(), kWatchMask) < 0) {
       ::close(fd);
       return kNotifyStatusFailed;
     }
@@ -504,31 +507,53 @@ class Notifier {
         ::usleep(100 * 1000);
         continue;
       }
-      bool overflow = false;
-      std::vector<std::string> touched;
-      std::unordered_set<std::string> recreated;
-      for (ssize_t offset = 0; offset < n;) {
-        const auto* event = reinterpret_cast<const inotify_event*>(buffer + offset);
-        offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-        if ((event->mask & IN_Q_OVERFLOW) != 0) {
-          overflow = true;
-          continue;
+      try {
+        handleEvents(fd, buffer, static_cast<size_t>(n));
+      } catch (...) {
+        // Out of memory: the events of this batch are lost, as in an overflow.
+        try {
+          rescanAll();
+        } catch (...) {
         }
-        if (event->len == 0) continue;
+      }
+    }
+  }
+
+  void handleEvents(int fd, const char* buffer, size_t size) {
+    bool lost = false;
+    std::vector<std::string> touched;
+    std::unordered_set<std::string> recreated;
+    for (size_t offset = 0; offset < size;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(buffer + offset);
+      offset += sizeof(inotify_event) + event->len;
+      if ((event->mask & IN_Q_OVERFLOW) != 0) {
+        lost = true;
+      } else if ((event->mask & IN_IGNORED) != 0) {
+        // The folder went away (removed or replaced); watch the one that posters re-create.
+        const std::string folder = folderPath();
+        makeFolders(folder);
+        if (::inotify_add_watch(fd, folder.c_str(), kWatchMask) < 0) {
+          systemLog(LOG_ERR, "notify: the notification folder can no longer be watched");
+        }
+        lost = true;
+      } else if (event->len > 0) {
         std::string name(event->name);
         if ((event->mask & (IN_CREATE | IN_MOVED_TO)) != 0) recreated.insert(name);
         if (std::find(touched.begin(), touched.end(), name) == touched.end()) {
           touched.push_back(std::move(name));
         }
       }
-      if (overflow) {
-        // Lost events may have hidden posts and re-created files of any name.
-        touched = registeredNames();
-        recreated.clear();
-        recreated.insert(touched.begin(), touched.end());
-      }
-      for (const std::string& name : touched) check(name, recreated.count(name) != 0);
     }
+    if (lost) {
+      rescanAll();
+      return;
+    }
+    for (const std::string& name : touched) check(name, recreated.count(name) != 0);
+  }
+
+  // Lost events may have hidden posts and re-created files of any name.
+  void rescanAll() {
+    for (const std::string& name : registeredNames()) check(name, true);
   }
 
   std::vector<std::string> registeredNames() {
