@@ -64,18 +64,6 @@ class AmpvexStubTest : public ::testing::Test {
   test::Sandbox sandbox_;
 };
 
-TEST_F(AmpvexStubTest, PoolsAreCumulativeAndAllTakeTheSameTwoLimits) {
-  AmpvexStub* stub = start();
-  for (const auto& pool : {stub->powerbackgroundDownloadBudgetPool(), stub->powerFetchBudgetPool(),
-                           stub->powerPushBudgetPool(), stub->powerSilentPushBudgetPool(),
-                           stub->powerNonDiscretionaryBudgetPool()}) {
-    EXPECT_EQ(pool->globalPoolLimit(), 500);
-    EXPECT_EQ(pool->itemPoolLimit(), 100);
-    EXPECT_EQ(pool->budgetMode(), BudgetPool::kCumulative);
-  }
-  EXPECT_EQ(AmpvexStub::instance(), stub);
-}
-
 // Without a bundle every lookup misses and says so: the ten lines show the lookup order, the
 // global limit then the item limit, afresh for each of the five pools.
 TEST(AmpvexStubWithoutConfigurationTest, EachPoolLooksBothLimitsUpAndMissesThem) {
@@ -300,18 +288,6 @@ TEST_F(AmpvexStubTest, EventCopiesTheIdentifierAndStopAllRunsAtOnce) {
                                     {"", 4, 9, 2},
                                     {"", 0, 0, Monitor::kStopAll},
                                 }));
-}
-
-TEST_F(AmpvexStubTest, CFunctionsReachTheSharedService) {
-  monitor_->setReport(Monitor::report(1, kDateD, {{"com.a", 4, 10}, {"com.a", 5, 10}}));
-  EXPECT_EQ(energyConsumedForBackgroundDownload(), 0);
-  monitor_->setReport(Monitor::report(1, kDateD, {{"com.a", 4, 14}, {"com.a", 5, 11}}));
-  energyConsumedRefresh();
-  EXPECT_EQ(energyConsumedForBackgroundDownload(), 4);
-  EXPECT_EQ(energyConsumedForNonDiscDownload(), 1);
-  EXPECT_EQ(energyConsumedForNonDiscDownload(), 0);
-  EXPECT_EQ(AmpvexStub::instance()->totalNonDISCPowerUsed(), 0);
-  EXPECT_EQ(AmpvexStub::instance()->totalBackgroundDownloadPowerUsed(), 4);
 }
 
 }  // namespace
