@@ -11,51 +11,19 @@
 
 #include "kelo/KeloLogger.h"
 #include "kelo/logging.h"
-#include "tests/support/Sandbox.h"
+#include "tests/logging/LogFiles.h"
 
 namespace kelo {
 namespace {
 
 using test::Sandbox;
 
-// Remembers which path each descriptor was opened for and the order of the writes.
-class RecordingFileSystem : public platform::FileSystem {
- public:
-  int open(const char* path, int flags, mode_t mode) override {
-    const int fd = FileSystem::open(path, flags, mode);
-    std::lock_guard<std::mutex> lock(mutex_);
-    paths_[fd] = path;
-    return fd;
-  }
-  ssize_t write(int fd, const void* data, size_t size) override {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      writes_.push_back(paths_[fd]);
-    }
-    return FileSystem::write(fd, data, size);
-  }
-  std::vector<std::string> writes() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return writes_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::map<int, std::string> paths_;
-  std::vector<std::string> writes_;
-};
-
+// The texts of the "<Info>" lines of a log file.
 std::vector<std::string> texts(const std::string& path) {
-  static const std::regex kLayout(
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] <Info>: (.*))");
   std::vector<std::string> out;
-  for (const std::string& line : Sandbox::readLines(path)) {
-    std::smatch m;
-    if (!std::regex_match(line, m, kLayout)) {
-      ADD_FAILURE() << "malformed line: " << line;
-      continue;
-    }
-    out.push_back(m[1]);
+  for (const std::string& body : test::lineBodies(path)) {
+    EXPECT_EQ(body.rfind("<Info>: ", 0), 0u) << body;
+    out.push_back(body.substr(std::string("<Info>: ").size()));
   }
   return out;
 }
@@ -63,7 +31,7 @@ std::vector<std::string> texts(const std::string& path) {
 class CLoggingFrontTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    files_ = std::make_shared<RecordingFileSystem>();
+    files_ = std::make_shared<test::RecordingFileSystem>();
     platform::Overrides o;
     o.fileSystem = files_;
     sandbox_.install(o);
@@ -88,7 +56,7 @@ class CLoggingFrontTest : public ::testing::Test {
   }
 
   Sandbox sandbox_;
-  std::shared_ptr<RecordingFileSystem> files_;
+  std::shared_ptr<test::RecordingFileSystem> files_;
 };
 
 TEST_F(CLoggingFrontTest, OffCostsNoArgumentEvaluationOnceTheLoggersExist) {
@@ -192,7 +160,7 @@ TEST_P(MaskTest, LineGoesToEachSelectedLoggerThatIsOnDetailedFirst) {
   std::vector<std::string> expectedWrites;
   if (toDetailed) expectedWrites.push_back(detailedPath());
   if (toSimple) expectedWrites.push_back(simplePath());
-  EXPECT_EQ(files_->writes(), expectedWrites);
+  EXPECT_EQ(files_->writtenPaths(), expectedWrites);
 }
 
 std::vector<MaskCase> allMaskCases() {

@@ -1,0 +1,89 @@
+// Helpers shared by the logging tests: reading log files back, and a file system that records
+// what was opened and written and can fail the way the kernel does.
+#ifndef KELO_TESTS_LOGGING_LOGFILES_H_
+#define KELO_TESTS_LOGGING_LOGFILES_H_
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "kelo/Overrides.h"
+#include "tests/support/Sandbox.h"
+
+namespace kelo::test {
+
+// "<Level>: text" of each line of a log file; a line not in the system log layout (time stamp,
+// "kelotest[pid]") fails the test.
+inline std::vector<std::string> lineBodies(const std::string& path) {
+  static const std::regex kLayout(
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] (<\w+>: .*))");
+  std::vector<std::string> out;
+  for (const std::string& line : Sandbox::readLines(path)) {
+    std::smatch m;
+    if (std::regex_match(line, m, kLayout)) {
+      out.push_back(m[1]);
+    } else {
+      ADD_FAILURE() << "malformed line in " << path << ": " << line;
+    }
+  }
+  return out;
+}
+
+class RecordingFileSystem : public platform::FileSystem {
+ public:
+  int open(const char* path, int flags, mode_t mode) override {
+    const int fd = FileSystem::open(path, flags, mode);
+    std::lock_guard<std::mutex> lock(mutex_);
+    paths_[fd] = path;
+    return fd;
+  }
+  ssize_t write(int fd, const void* data, size_t size) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    writes_.push_back(fd);
+    writtenPaths_.push_back(paths_.count(fd) != 0 ? paths_[fd] : std::string());
+    if (fd == failingFd_) {
+      errno = EIO;
+      return -1;
+    }
+    if (interruptions_ > 0) {
+      --interruptions_;
+      errno = EINTR;
+      return -1;
+    }
+    return FileSystem::write(fd, data, std::min(size, maxChunk_));
+  }
+
+  void interruptNext(int times) { interruptions_ = times; }
+  void limitChunk(size_t bytes) { maxChunk_ = bytes; }
+  void failAlways(int fd) { failingFd_ = fd; }
+
+  int writesTo(int fd) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<int>(std::count(writes_.begin(), writes_.end(), fd));
+  }
+  // The path of every write, in order (for descriptors opened through this file system).
+  std::vector<std::string> writtenPaths() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return writtenPaths_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<int, std::string> paths_;
+  std::vector<int> writes_;
+  std::vector<std::string> writtenPaths_;
+  int interruptions_ = 0;
+  size_t maxChunk_ = SIZE_MAX;
+  int failingFd_ = -2;
+};
+
+}  // namespace kelo::test
+
+#endif  // KELO_TESTS_LOGGING_LOGFILES_H_
