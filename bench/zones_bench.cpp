@@ -10,12 +10,12 @@
 #include <atomic>
 #include <bit>
 #include <cstdlib>
+#include <ctime>
 #include <deque>
 #include <filesystem>
 #include <mutex>
 #include <new>
 #include <random>
-#include <ctime>
 #include <string>
 #include <vector>
 

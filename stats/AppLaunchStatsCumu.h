@@ -121,8 +121,7 @@ class KELO_EXPORT AppLaunchStatsCumu {
   // Counts one fetch denial and at most one reason: data budget (a false) before energy budget
   // (withPWBudget false) before a poor cellular link (all of inwifi, incell, ignorePoorCell
   // false).
-  void fetchDeniedBecause(bool a, bool withPWBudget, bool inwifi, bool incell,
-                          bool ignorePoorCell);
+  void fetchDeniedBecause(bool a, bool withPWBudget, bool inwifi, bool incell, bool ignorePoorCell);
   // Counts one fetch denial, independently of fetchDeniedBecause.
   void fetchDenied();
   void fetchAttemptIncrement();
@@ -206,8 +205,7 @@ class KELO_EXPORT AppLaunchStatsCumu {
   void prewarmZonesForApp(const std::string& app, const SlotArray& launch,
                           const SlotArray* prewarm);
   int32_t backwardLook(const SlotArray* prewarm, int32_t slot, int32_t offset);
-  void accountOnQueue(const SlotArray* prewarm, int32_t slot, int32_t lv, int32_t pv,
-                      int32_t diff);
+  void accountOnQueue(const SlotArray* prewarm, int32_t slot, int32_t lv, int32_t pv, int32_t diff);
   void hitMissOnQueue(const SlotArray* prewarm, const SlotArray& launch);
   void countZone(int zone);
   template <class F>

@@ -60,8 +60,8 @@ void AppLaunchStatsCumu::recordEvent(SlotMap& map, const std::string& app, bool 
     KELO_CLOG("app launch %s diff %lld, val %d (%d)", app.c_str(), static_cast<long long>(diff),
               val, static_cast<int32_t>(bit));
   } else {
-    KELO_CLOG("prewarm %s diff %lld, minute val %d (%d)", app.c_str(),
-              static_cast<long long>(diff), val, static_cast<int32_t>(bit));
+    KELO_CLOG("prewarm %s diff %lld, minute val %d (%d)", app.c_str(), static_cast<long long>(diff),
+              val, static_cast<int32_t>(bit));
   }
   slots[slot] = static_cast<uint16_t>(val);
   if (launch) hasStats_ |= kFlagLaunch;

@@ -160,8 +160,7 @@ int32_t AppLaunchStatsCumu::distanceToLastPrewarm(const SlotArray* prewarm, int3
   return zone;
 }
 
-int32_t AppLaunchStatsCumu::backwardLook(const SlotArray* prewarm, int32_t slot,
-                                         int32_t offset) {
+int32_t AppLaunchStatsCumu::backwardLook(const SlotArray* prewarm, int32_t slot, int32_t offset) {
   if (slot < 1) return 4;
   for (int64_t j = static_cast<int64_t>(slot) - 1; j >= 0; --j) {
     const int64_t k = slot - j;

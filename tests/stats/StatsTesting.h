@@ -69,8 +69,7 @@ class StatsTest : public ::testing::Test {
   std::vector<std::string> logTexts() const {
     std::vector<std::string> out;
     const std::string marker = "<Info>: ";
-    for (const std::string& line :
-         Sandbox::readLines(logPath())) {
+    for (const std::string& line : Sandbox::readLines(logPath())) {
       const std::size_t at = line.find(marker);
       if (at == std::string::npos) continue;
       std::string text = line.substr(at + marker.size());

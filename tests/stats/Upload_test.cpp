@@ -13,8 +13,8 @@ void appendZones(std::vector<InMemoryMetrics::Entry>& out, const std::string& pr
   static const char* const kNames[] = {"Neg2HR", "Neg1HR", "Neg30M", "Neg15M", "Pos15M",
                                        "Pos30M", "Pos1HR", "Pos2HR", "None"};
   for (int zone = 0; zone < 9; ++zone) {
-    out.push_back({InMemoryMetrics::Op::kSet, "com.vorn.Kelo." + prefix + kNames[zone],
-                   counts[zone]});
+    out.push_back(
+        {InMemoryMetrics::Op::kSet, "com.vorn.Kelo." + prefix + kNames[zone], counts[zone]});
   }
 }
 
@@ -82,21 +82,21 @@ TEST_F(StatsTest, UploadWritesEveryKeyWithItsOperationAndResets) {
   expected.push_back({Op::kSet, "com.vorn.Kelo.avgBGEnergy", 3});
   EXPECT_EQ(metrics_->entries(), expected);
 
-  for (int64_t left : {int64_t{after.hasStats}, int64_t{after.fetchDenied}, int64_t{after.forceRelease},
-                       int64_t{after.pushDeniedPoorCell}, after.fetchDataTotal,
-                       int64_t{after.fetchUpdateTimeCount}, int64_t{after.prewarmMiss},
-                       after.avgPWConsumed, int64_t{after.totalBGDownloads},
-                       after.totalNonDiscEnergy}) {
+  for (int64_t left :
+       {int64_t{after.hasStats}, int64_t{after.fetchDenied}, int64_t{after.forceRelease},
+        int64_t{after.pushDeniedPoorCell}, after.fetchDataTotal,
+        int64_t{after.fetchUpdateTimeCount}, int64_t{after.prewarmMiss}, after.avgPWConsumed,
+        int64_t{after.totalBGDownloads}, after.totalNonDiscEnergy}) {
     EXPECT_EQ(left, 0);
   }
   EXPECT_EQ(after.zoneCounts, AppLaunchStatsCumu::ZoneArray{});
   EXPECT_EQ(after.prewarmZoneCounts, AppLaunchStatsCumu::ZoneArray{});
   EXPECT_EQ(after.launchApps + after.prewarmApps, 0u);
   EXPECT_EQ(*s.pastCycle(), AppLaunchStatsCumu::Predictions{Value::string("next")});
-  for (const char* line : {"fetch attempt=3, denied=8, noPW=2, noData=1, poorCell=4",
-                           "push attempt=6, denied=7, noPW=2, noData=1, poorCell=3",
-                           "Fetch given=4, failed=2", "Fetch avg energy count=10/4",
-                           "Fetch avg data count=-10/3", "Fetch avg time count=15/2"}) {
+  for (const char* line :
+       {"fetch attempt=3, denied=8, noPW=2, noData=1, poorCell=4",
+        "push attempt=6, denied=7, noPW=2, noData=1, poorCell=3", "Fetch given=4, failed=2",
+        "Fetch avg energy count=10/4", "Fetch avg data count=-10/3", "Fetch avg time count=15/2"}) {
     EXPECT_EQ(logCount(line), 1u) << line;
   }
 }
@@ -175,9 +175,9 @@ TEST_F(StatsTest, NewCycleAndReplacementManageThePredictions) {
   for (int64_t bad : {int64_t{3}, int64_t{-1}, int64_t{1} << 31, (int64_t{1} << 32) + 1}) {
     s.replacePredictionAtZone({Value::integer(9)}, bad);
   }
-  EXPECT_EQ(*s.pastCycle(), (AppLaunchStatsCumu::Predictions{
-                                Value::string("a"), Value::array({Value::integer(7)}),
-                                Value::string("c")}));
+  EXPECT_EQ(*s.pastCycle(),
+            (AppLaunchStatsCumu::Predictions{Value::string("a"), Value::array({Value::integer(7)}),
+                                             Value::string("c")}));
   EXPECT_EQ((*first)[1], Value::string("b"));  // a snapshot handed out earlier stays as it was
 }
 

@@ -37,7 +37,9 @@ bool prewarmIn(const App& a, int slot) {
   auto it = a.prewarms.lower_bound(slot * 15);
   return it != a.prewarms.end() && *it < slot * 15 + 15;
 }
-int lastPrewarmIn(const App& a, int slot) { return *std::prev(a.prewarms.lower_bound(slot * 15 + 15)); }
+int lastPrewarmIn(const App& a, int slot) {
+  return *std::prev(a.prewarms.lower_bound(slot * 15 + 15));
+}
 
 // The zone of the launch at minute t, measured to the nearest slot with a prewarm at most 8
 // slots before (its own slot first), else at most 7 slots after.
@@ -45,8 +47,10 @@ int zoneOf(int t, const App& a) {
   if (!a.prewarmArray) return 8;
   const int s = t / 15;
   std::optional<int> p;
-  for (int q = s; q >= std::max(0, s - 8) && !p; --q) if (prewarmIn(a, q)) p = q;
-  for (int q = s + 1; q <= std::min(95, s + 7) && !p; ++q) if (prewarmIn(a, q)) p = q;
+  for (int q = s; q >= std::max(0, s - 8) && !p; --q)
+    if (prewarmIn(a, q)) p = q;
+  for (int q = s + 1; q <= std::min(95, s + 7) && !p; ++q)
+    if (prewarmIn(a, q)) p = q;
   if (!p) return 8;
   auto fromLastOf = [&](int slot) { return t - lastPrewarmIn(a, slot) <= 15 ? 3 : 2; };
   const int d = s - *p;

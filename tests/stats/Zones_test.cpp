@@ -97,8 +97,11 @@ TEST_F(ZonesTest, HitsAndMissesCountLaunchesFifteenMinutesApart) {
       {"prewarm at the reference is not between", {{1, 0}}, {{1, 0}, {2, 0}}, 0, 1},
       {"prewarm in the launch minute is between", {{2, 0}}, {{1, 0}, {2, 0}}, 1, 0},
       {"14 minutes later is not counted", {{1, 7}}, {{1, 1}, {2, 0}}, 0, 0},
-      {"counted launches move the reference", {{3, 3}}, {{1, 0}, {2, 0}, {3, 0}, {3, 5}, {4, 5}},
-       1, 2},
+      {"counted launches move the reference",
+       {{3, 3}},
+       {{1, 0}, {2, 0}, {3, 0}, {3, 5}, {4, 5}},
+       1,
+       2},
       {"present but empty prewarm array", {{97, 0}}, {{0, 0}, {5, 0}, {9, 3}}, 0, 2},
       {"no prewarm array: one miss per slot", {}, {{0, 0}, {5, 0}, {5, 14}, {9, 3}}, 0, 2},
   };
@@ -193,11 +196,11 @@ TEST_F(ZonesTest, DistanceToLastPrewarm) {
     int zone;
   };
   const Case cases[] = {
-      {0, 5, {{0, 1}}, 4},        {10, 5, {}, 4},
-      {10, 5, {{9, 1 << 5}}, 3},  {10, 6, {{9, 1 << 5}}, 2},  // 15 and 16 minutes
-      {10, 0, {{8, 1}}, 2},       {10, 0, {{7, 1}}, 1},         {10, 0, {{6, 1}}, 1},
-      {10, 0, {{5, 1}}, 7},       {10, 0, {{2, 1}}, 7},  // Pos2HR, unlike the direct table
-      {10, 0, {{1, 1}}, 4},       {200, 0, {{95, 1}}, 4},       {100, 0, {{95, 1}}, 7},
+      {0, 5, {{0, 1}}, 4},       {10, 5, {}, 4},         {10, 5, {{9, 1 << 5}}, 3},
+      {10, 6, {{9, 1 << 5}}, 2},  // 15 and 16 minutes
+      {10, 0, {{8, 1}}, 2},      {10, 0, {{7, 1}}, 1},   {10, 0, {{6, 1}}, 1},
+      {10, 0, {{5, 1}}, 7},      {10, 0, {{2, 1}}, 7},  // Pos2HR, unlike the direct table
+      {10, 0, {{1, 1}}, 4},      {200, 0, {{95, 1}}, 4}, {100, 0, {{95, 1}}, 7},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.slot << "/" << c.offset << " zone " << c.zone);
@@ -209,9 +212,9 @@ TEST_F(ZonesTest, DistanceToLastPrewarm) {
 }
 
 TEST_F(ZonesTest, AccountingCountsEveryMinuteBitByDistance) {
-  const std::map<int, int> table = {{-9, 8}, {-8, 8}, {-7, 7}, {-5, 7}, {-4, 6}, {-3, 6},
-                                    {-2, 5}, {-1, 4}, {2, 2},  {3, 1},  {4, 1},  {5, 0},
-                                    {8, 0},  {9, 8},  {10, 8}};
+  const std::map<int, int> table = {{-9, 8}, {-8, 8}, {-7, 7}, {-5, 7}, {-4, 6},
+                                    {-3, 6}, {-2, 5}, {-1, 4}, {2, 2},  {3, 1},
+                                    {4, 1},  {5, 0},  {8, 0},  {9, 8},  {10, 8}};
   for (auto [diff, zone] : table) {
     SCOPED_TRACE(diff);
     const ZoneArray before = stats().snapshot().prewarmZoneCounts;
