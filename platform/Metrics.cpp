@@ -183,11 +183,10 @@ class SqliteStore {
     sqlite3_bind_text(statement, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     sqlite3_bind_int64(statement, 2, value);
     const int rc = sqlite3_step(statement);
+    if (rc != SQLITE_DONE) *error = sqlite3_errmsg(db_);
     sqlite3_reset(statement);
     sqlite3_clear_bindings(statement);
-    if (rc == SQLITE_DONE) return true;
-    *error = sqlite3_errmsg(db_);
-    return false;
+    return rc == SQLITE_DONE;
   }
 
   void keepLocked(Op op, const std::string& key, int64_t value) {
