@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -9,7 +10,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -139,7 +139,23 @@ class SqliteStore {
     int64_t value;
   };
 
-  SqliteStore() = default;
+  SqliteStore() {
+    ::pthread_atfork([] { instance().mutex_.lock(); }, [] { instance().mutex_.unlock(); },
+                     [] { instance().afterForkInChild(); });
+  }
+
+  // A child of fork(2) must not use the parent's connection (SQLite's locks belong to the
+  // parent), nor write the parent's kept values a second time, and has no retry thread. The
+  // connection is abandoned, not closed, so that nothing of the parent's database state changes.
+  void afterForkInChild() {
+    db_ = nullptr;
+    set_ = add_ = nullptr;
+    kept_.clear();
+    keptIndex_.clear();
+    failing_ = false;
+    retryStarted_ = false;
+    mutex_.unlock();
+  }
 
   bool openLocked(std::string* error) {
     if (db_ != nullptr) return true;
@@ -230,18 +246,21 @@ class SqliteStore {
     }
   }
 
+  // Runs while values are kept; the next failure starts it again.
   void retryLoop() {
-    std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      wake_.wait_for(lock, kRetryInterval);
-      if (kept_.empty()) continue;
+      std::this_thread::sleep_for(kRetryInterval);
+      std::lock_guard<std::mutex> lock(mutex_);
       std::string error;
-      if (flushLocked(&error)) failing_ = false;
+      if (flushLocked(&error)) {
+        failing_ = false;
+        retryStarted_ = false;
+        return;
+      }
     }
   }
 
   std::mutex mutex_;
-  std::condition_variable wake_;
   // All guarded by mutex_.
   sqlite3* db_ = nullptr;
   sqlite3_stmt* set_ = nullptr;
