@@ -1,18 +1,25 @@
 // Named notifications with a 64-bit state, shared by unrelated processes of one machine without
 // a daemon.
 //
-// Each name is one state file under devicePath("/run/kelo/notify/") holding the state word and a
-// post generation. A post bumps the generation with a write(2); every process that registered a
-// handler for the name has one watcher thread (started by its first registration) that sees the
-// write through inotify and delivers the handler on the registration's queue. Posts that arrive
-// before a handler has run coalesce into one delivery; the handler reads the latest state with
-// notify_get_state. Setting the state alone wakes nobody.
+// Each name is one 16-byte state file under devicePath("/run/kelo/notify/") holding the state
+// word and a post generation. The state is set and read through a shared mapping of the file,
+// which raises no inotify event, so setting it alone wakes nobody. A post writes a new generation
+// with one pwrite(2); every process that registered a handler for the name has one watcher thread
+// (started by its first registration) that sees the write through inotify and, finding the
+// generation changed, delivers the handler on the registration's queue (on the watcher thread
+// itself when that queue is idle). Posts that arrive before a handler has run coalesce into one
+// delivery; the handler reads the latest state with notify_get_state. A lost inotify queue is
+// recovered by re-reading the generation of every registered name.
 //
 // Who may post is decided by the notification folder: the caller must be allowed to write the
 // folder (by its owner and mode) and to open the name's file for writing; the file must be a
 // regular file (links are not followed) owned by the caller or by the folder's owner. A missing
 // folder is created (0755, with its parents); a missing file is created with the folder's
-// permission bits minus execute.
+// permission bits minus execute. Whoever owns a state file or the folder is trusted not to
+// truncate a state file that others have mapped.
+//
+// After fork(2), the child keeps its check registrations and drops its dispatch ones (it has no
+// watcher thread); a new dispatch registration starts its own.
 //
 // Every function is thread-safe, never throws and returns kNotifyStatusOk or a non-zero status.
 // No lock is held while a handler runs.
