@@ -84,8 +84,8 @@ void BM_ReportToHandler(benchmark::State& state) {
   std::atomic<uint64_t> latencyNs{0};
   std::atomic<uint32_t> arrived{0};
   int token = 0;
-  const uint32_t status = kelo::platform::notify_register_dispatch(
-      kReportName, &token, &queue, [&](int t) {
+  const uint32_t status =
+      kelo::platform::notify_register_dispatch(kReportName, &token, &queue, [&](int t) {
         const uint64_t entered = nowNs();
         uint64_t word = 0;
         kelo::platform::notify_get_state(t, &word);

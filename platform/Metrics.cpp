@@ -63,7 +63,8 @@ int busyHandler(void* context, int attempt) {
   // Jitter from the clock and the pid, so that processes started together drift apart.
   const auto noise = static_cast<unsigned long>(Clock::now().time_since_epoch().count()) ^
                      (static_cast<unsigned long>(::getpid()) * 2654435761UL);
-  ::usleep(static_cast<useconds_t>(base + static_cast<long>(noise % static_cast<unsigned long>(base))));
+  ::usleep(
+      static_cast<useconds_t>(base + static_cast<long>(noise % static_cast<unsigned long>(base))));
   return 1;
 }
 
@@ -171,12 +172,12 @@ class SqliteStore {
       // WAL: one sync per commit, and readers never wait for the writer.
       rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
     }
-    if (rc == SQLITE_OK) rc = sqlite3_exec(db, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK)
+      rc = sqlite3_exec(db, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
     if (rc == SQLITE_OK) rc = sqlite3_exec(db, kSchema, nullptr, nullptr, nullptr);
     if (rc == SQLITE_OK) {
-      rc = sqlite3_create_function(db, "kelo_wrapping_add", 2,
-                                   SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr,
-                                   wrappingAddFunction, nullptr, nullptr);
+      rc = sqlite3_create_function(db, "kelo_wrapping_add", 2, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                                   nullptr, wrappingAddFunction, nullptr, nullptr);
     }
     if (rc == SQLITE_OK) rc = sqlite3_prepare_v2(db, kSetSql, -1, &set_, nullptr);
     if (rc == SQLITE_OK) rc = sqlite3_prepare_v2(db, kAddSql, -1, &add_, nullptr);
@@ -327,8 +328,8 @@ MetricsReadResult readMetricsDatabase(const std::string& path) {
     }
     int timeoutMs = gBusyTimeoutMs.load(std::memory_order_relaxed);
     sqlite3* db = nullptr;
-    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX,
-                             nullptr);
+    int rc =
+        sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
     sqlite3_stmt* select = nullptr;
     if (rc == SQLITE_OK) {
       sqlite3_busy_handler(db, busyHandler, &timeoutMs);

@@ -329,8 +329,7 @@ class Notifier {
 
   uint32_t registerCheck(const char* name, int* outToken) {
     std::shared_ptr<StateFile> file;
-    if (const uint32_t status = writableFile(name, &file);
-        status != kNotifyStatusOk) {
+    if (const uint32_t status = writableFile(name, &file); status != kNotifyStatusOk) {
       return status;
     }
     std::lock_guard<std::mutex> lock(mutex_);
@@ -613,12 +612,12 @@ class Notifier {
   }
 
   std::mutex mutex_;
-  int nextToken_ = 1;                              // guarded by mutex_
-  std::unordered_map<int, Entry> tokens_;          // guarded by mutex_
+  int nextToken_ = 1;                               // guarded by mutex_
+  std::unordered_map<int, Entry> tokens_;           // guarded by mutex_
   std::unordered_map<std::string, Watched> names_;  // guarded by mutex_
   // Files this process posts to, by name; guarded by mutex_.
   std::unordered_map<std::string, std::shared_ptr<StateFile>, NameHash, std::equal_to<>> writable_;
-  int inotifyFd_ = -1;                              // guarded by mutex_
+  int inotifyFd_ = -1;  // guarded by mutex_
 };
 
 template <class F>

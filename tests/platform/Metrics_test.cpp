@@ -64,7 +64,8 @@ TEST(Metrics, SetReplacesAddAccumulatesAndTheReaderSortsByKey) {
 
   const MetricsReadResult read = readMetricsDatabase(metricsDatabasePath());
   ASSERT_TRUE(read.ok) << read.error;
-  EXPECT_EQ(read.rows, (Rows{{"a.wrap", kMin + 1}, {"b.total", 3}, {"c.level", -7}, {"d.replaced", 1}}));
+  EXPECT_EQ(read.rows,
+            (Rows{{"a.wrap", kMin + 1}, {"b.total", 3}, {"c.level", -7}, {"d.replaced", 1}}));
   EXPECT_EQ(metricsDatabasePath(), sandbox.homePath() + "/Library/Metrics/KeloMetrics.db");
   struct stat st;
   ASSERT_EQ(::stat(metricsDatabasePath().c_str(), &st), 0);
@@ -182,8 +183,8 @@ TEST(Metrics, AnInstalledSinkReceivesEveryOperationInsteadOfTheDatabase) {
   CumuClientAddValueForScalarKey("k", 2);
   CumuClientSetValueForScalarKey("k", 9);
   using Op = test::InMemoryMetrics::Op;
-  EXPECT_EQ(sink->entries(), (std::vector<test::InMemoryMetrics::Entry>{{Op::kAdd, "k", 2},
-                                                                        {Op::kSet, "k", 9}}));
+  EXPECT_EQ(sink->entries(),
+            (std::vector<test::InMemoryMetrics::Entry>{{Op::kAdd, "k", 2}, {Op::kSet, "k", 9}}));
   EXPECT_FALSE(std::filesystem::exists(sandbox.homePath() + "/Library/Metrics"));
 }
 

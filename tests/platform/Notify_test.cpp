@@ -73,7 +73,9 @@ class Inbox {
 // every event that came before it.
 class Marker {
  public:
-  Marker() { EXPECT_EQ(notify_register_dispatch("marker", &token_, &queue_, inbox_.handler()), 0u); }
+  Marker() {
+    EXPECT_EQ(notify_register_dispatch("marker", &token_, &queue_, inbox_.handler()), 0u);
+  }
   bool sync() {
     ++posts_;
     return notify_post("marker") == kNotifyStatusOk && inbox_.waitFor(posts_);
@@ -240,7 +242,8 @@ TEST(Notify, RefusesNamesThatEscapeTheFolderAndFilesThatAreNotPlainOrAreAStrange
   for (const char* name : refused) {
     EXPECT_EQ(notify_register_check(name, &token), kNotifyStatusNotAuthorized) << name;
     EXPECT_EQ(notify_post(name), kNotifyStatusNotAuthorized);
-    EXPECT_EQ(notify_register_dispatch(name, &token, &queue, [](int) {}), kNotifyStatusNotAuthorized);
+    EXPECT_EQ(notify_register_dispatch(name, &token, &queue, [](int) {}),
+              kNotifyStatusNotAuthorized);
   }
   EXPECT_EQ(test::Sandbox::readFile(target), "0123456789abcdef");
 }
