@@ -174,6 +174,26 @@ TEST(Metrics, ValuesWrittenWhileLockedPastTheTimeoutArriveInOrderAfterwards) {
   EXPECT_EQ(sandbox.systemLines().size(), 2u) << "one line per failure episode";
 }
 
+TEST(Metrics, AChildForkedWhileValuesAreKeptLeavesThemToItsParent) {
+  test::Sandbox sandbox;
+  sandbox.install();
+  setMetricsBusyTimeoutMs(20);
+  Locker locker(metricsDatabasePath());
+  CumuClientSetValueForScalarKey("seed", 1);
+  ASSERT_TRUE(locker.lock());
+  CumuClientAddValueForScalarKey("seed", 10);
+  ChildProcess child([] {
+    CumuClientAddValueForScalarKey("child", 1);
+    return 0;
+  });
+  EXPECT_EQ(locker.release(), 0);
+  for (int i = 0; i < 100 && stored("seed") != 11; ++i) std::this_thread::sleep_for(50ms);
+  child.go();
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(stored("child"), 1);
+  EXPECT_EQ(stored("seed"), 11);
+}
+
 TEST(Metrics, AnInstalledSinkReceivesEveryOperationInsteadOfTheDatabase) {
   test::Sandbox sandbox;
   auto sink = std::make_shared<test::InMemoryMetrics>();
