@@ -1,0 +1,154 @@
+// The scratch platform every fuzz target runs on: a device root and a home in a fresh folder, a
+// fixed clock and process name, and a system log that only counts lines. The services are
+// singletons that live as long as the process, so this is installed once, before the first of
+// them exists, and every input reuses the same folders. The folder sits on /dev/shm when that is
+// writable: several targets fsync preference files on every input, and a RAM-backed folder makes
+// that cheap. It is removed when the fuzzer exits.
+#ifndef KELO_FUZZ_FUZZPLATFORM_H_
+#define KELO_FUZZ_FUZZPLATFORM_H_
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "kelo/Overrides.h"
+#include "kelo/Value.h"
+
+namespace kelo::fuzz {
+
+// The fixed clock: 2025-11-21 10:56:00 UTC.
+inline constexpr double kFuzzTime = 1763722560.0;
+inline constexpr const char* kFuzzProcess = "kelofuzz";
+
+// Reports a broken promise and aborts, which libFuzzer records as a crash with the input.
+[[noreturn]] __attribute__((format(printf, 1, 2))) inline void fail(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::fputs("fuzz invariant violated: ", stderr);
+  std::vfprintf(stderr, format, args);
+  std::fputc('\n', stderr);
+  va_end(args);
+  std::abort();
+}
+
+struct Platform {
+  std::string folder;
+  std::string root;
+  std::string home;
+  std::atomic<uint64_t> systemLines{0};
+};
+
+namespace detail {
+
+inline std::string makeFolder() {
+  for (const char* base : {"/dev/shm", "/tmp"}) {
+    std::string pattern = std::string(base) + "/kelo-fuzz-XXXXXX";
+    if (::mkdtemp(pattern.data()) != nullptr) return pattern;
+  }
+  fail("no scratch folder could be made");
+}
+
+inline Platform* gPlatformForExit = nullptr;
+
+inline void removeFolderAtExit() {
+  // The services may still be running; whatever they write now is of no interest.
+  std::error_code ignored;
+  std::filesystem::remove_all(gPlatformForExit->folder, ignored);
+}
+
+}  // namespace detail
+
+// Sets the platform up on the first call. `extra` adds overrides of the caller's own (a metrics
+// sink, say); it is only looked at on that first call.
+inline Platform& platform(platform::Overrides extra = {}) {
+  static Platform* const shared = [&extra] {
+    auto* p = new Platform();
+    p->folder = detail::makeFolder();
+    p->root = p->folder + "/root";
+    p->home = p->folder + "/home";
+    std::filesystem::create_directories(p->root);
+    std::filesystem::create_directories(p->home);
+    detail::gPlatformForExit = p;
+    std::atexit(detail::removeFolderAtExit);
+
+    platform::Overrides o = std::move(extra);
+    o.clock = [] { return kFuzzTime; };
+    o.processName = kFuzzProcess;
+    o.homeDirectory = p->home;
+    o.deviceRoot = p->root;
+    o.deviceAnswers = Value::dictionary({});
+    o.systemLog = [p](int, const char*) { p->systemLines.fetch_add(1, std::memory_order_relaxed); };
+    platform::installOverrides(std::move(o));
+    return p;
+  }();
+  return *shared;
+}
+
+// Replaces a file's content (creating its folders). Returns false, with a message, on failure.
+inline bool writeFile(const std::string& path, const void* data, size_t size) {
+  std::error_code ignored;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    std::perror(path.c_str());
+    return false;
+  }
+  const auto* bytes = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t n = ::write(fd, bytes, size);
+    if (n <= 0) {
+      std::perror(path.c_str());
+      ::close(fd);
+      return false;
+    }
+    bytes += n;
+    size -= static_cast<size_t>(n);
+  }
+  ::close(fd);
+  return true;
+}
+
+inline bool writeFile(const std::string& path, std::string_view text) {
+  return writeFile(path, text.data(), text.size());
+}
+
+// Reads the whole file into `out`; false when it cannot be read.
+inline bool readFile(const std::string& path, std::string* out) {
+  out->clear();
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char buffer[8192];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0) {
+      ::close(fd);
+      return false;
+    }
+    if (n == 0) break;
+    out->append(buffer, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return true;
+}
+
+// The default system bundle of this tree, read from the source folder the target was built from.
+inline std::string defaultBundleInfo() {
+  std::string text;
+  if (!readFile(std::string(KELO_SOURCE_DIR) + "/data/KeloConfiguration.bundle/Info.json", &text)) {
+    fail("the default bundle could not be read from %s", KELO_SOURCE_DIR);
+  }
+  return text;
+}
+
+}  // namespace kelo::fuzz
+
+#endif  // KELO_FUZZ_FUZZPLATFORM_H_

@@ -1,0 +1,91 @@
+// A configuration bundle's Info.json through the configurator: the reload from disk, a direct
+// load of what the file parses to, and the dump. The bundle reader must turn anything that is not
+// a JSON object into an empty dictionary, and the whitelist the configurator keeps must be the
+// bundle's own.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "fuzz/FuzzPlatform.h"
+#include "kelo/KeloConfigurator.h"
+#include "kelo/vsl.h"
+#include "platform/Bundle.h"
+#include "platform/Json.h"
+
+namespace {
+
+constexpr const char* kBundle = "/System/Library/Kelo/KeloConfiguration.bundle";
+
+struct Target {
+  std::string bundleFolder;
+  std::string infoPath;
+  kelo::KeloConfigurator* configurator = nullptr;
+  vsl_client_t client = nullptr;
+  vsl_msg_t message = nullptr;
+};
+
+Target* gTarget = nullptr;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kelo::fuzz::Platform& p = kelo::fuzz::platform();
+  auto* t = new Target();
+  t->bundleFolder = p.root + kBundle;
+  t->infoPath = t->bundleFolder + "/Info.json";
+  if (!kelo::fuzz::writeFile(t->infoPath, kelo::fuzz::defaultBundleInfo())) {
+    kelo::fuzz::fail("the bundle could not be installed");
+  }
+  t->configurator = kelo::KeloConfigurator::sharedInstance();
+  // The dump goes nowhere: what matters is that formatting every stored entry is safe.
+  const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  t->client = vsl_open(kelo::fuzz::kFuzzProcess, "KeloDump", VSL_OPT_NO_DELAY);
+  t->message = vsl_new(VSL_TYPE_MSG);
+  if (devNull < 0 || t->client == nullptr || t->message == nullptr ||
+      vsl_add_log_file(t->client, devNull) != 0) {
+    kelo::fuzz::fail("the dump client could not be set up");
+  }
+  gTarget = t;
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Target& t = *gTarget;
+  if (!kelo::fuzz::writeFile(t.infoPath, data, size)) kelo::fuzz::fail("Info.json not written");
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+
+  t.configurator->reloadBundleFromDisk();
+
+  const std::shared_ptr<const kelo::platform::Bundle> bundle =
+      kelo::platform::Bundle::open(t.bundleFolder);
+  if (bundle == nullptr) kelo::fuzz::fail("the bundle folder was not found");
+  const kelo::Value& info = bundle->infoDictionary();
+  if (!info.isDictionary()) kelo::fuzz::fail("an information dictionary that is not a dictionary");
+  const kelo::Value parsed = kelo::platform::parseJson(text);
+  const kelo::Value expectedInfo =
+      parsed.isDictionary() ? parsed : kelo::Value::dictionary({});
+  if (!(info == expectedInfo)) kelo::fuzz::fail("the bundle reads otherwise than its file parses");
+
+  // The reload kept this bundle's whitelist as it stands, and no whitelist when it has none.
+  const std::shared_ptr<const kelo::Value::Array> whiteList = t.configurator->appWhiteListArray();
+  const kelo::Value* listed = info.find("whitelist");
+  if (listed != nullptr && listed->isArray()) {
+    if (whiteList == nullptr || !(*whiteList == listed->asArray())) {
+      kelo::fuzz::fail("the whitelist differs from the bundle's");
+    }
+  } else if (whiteList != nullptr) {
+    kelo::fuzz::fail("a whitelist kept from a bundle that has none");
+  }
+  if (t.configurator->appBlackMap() == nullptr) kelo::fuzz::fail("a null blacklist map");
+
+  // A direct load takes any value; the parse of a malformed file is an error value.
+  t.configurator->loadConfigurations(info);
+  t.configurator->loadConfigurations(parsed);
+
+  t.configurator->logAll(t.client, t.message, VSL_LEVEL_INFO);
+  return 0;
+}

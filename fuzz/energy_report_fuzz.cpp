@@ -1,0 +1,118 @@
+// The power daemon's energy report file through the default power monitor backend and the
+// energy service's refresh. Whatever the file holds, the refresh must charge what it can and
+// read wrong types as absent: the capacity and the reference date the service keeps are the
+// file's when they are numbers, and absent otherwise.
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "fuzz/FuzzPlatform.h"
+#include "kelo/AmpvexStub.h"
+#include "platform/Json.h"
+
+namespace {
+
+// Every bundle identifier becomes a record in a pool for the life of the process, so reports are
+// charged to these few only: an identifier outside them is replaced by one of them.
+constexpr std::string_view kApps[] = {"com.example.app",  "com.example.mail", "com.example.news",
+                                      "com.example.maps", "",                 "a",
+                                      "\xc3\xa9t\xc3\xa9", "com.example.app.widget"};
+
+bool knownApp(const std::string& id) {
+  for (std::string_view app : kApps) {
+    if (id == app) return true;
+  }
+  return false;
+}
+
+// The report with every unknown identifier mapped into kApps; nullopt when it has none to map.
+std::optional<kelo::Value> withKnownApps(const kelo::Value& report) {
+  const kelo::Value* entries = report.find("BLMEnergyForKelo");
+  if (entries == nullptr || !entries->isArray()) return std::nullopt;
+  bool changed = false;
+  kelo::Value::Array mapped;
+  for (const kelo::Value& entry : entries->asArray()) {
+    const kelo::Value* id = entry.find("bundleID");
+    if (id == nullptr || !id->isString() || knownApp(id->asString())) {
+      mapped.push_back(entry);
+      continue;
+    }
+    kelo::Value::Dictionary fields = entry.asDictionary();
+    const size_t pick = std::hash<std::string>()(id->asString()) % std::size(kApps);
+    fields.insert_or_assign("bundleID", kelo::Value::string(std::string(kApps[pick])));
+    mapped.push_back(kelo::Value::dictionary(std::move(fields)));
+    changed = true;
+  }
+  if (!changed) return std::nullopt;
+  kelo::Value::Dictionary top = report.asDictionary();
+  top.insert_or_assign("BLMEnergyForKelo", kelo::Value::array(std::move(mapped)));
+  return kelo::Value::dictionary(std::move(top));
+}
+
+struct Target {
+  std::string reportPath;
+  kelo::AmpvexStub* stub = nullptr;
+};
+
+Target* gTarget = nullptr;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kelo::fuzz::Platform& p = kelo::fuzz::platform();
+  auto* t = new Target();
+  t->reportPath = p.root + "/run/kelo/energy-report.json";
+  if (!kelo::fuzz::writeFile(p.root + "/System/Library/Kelo/KeloConfiguration.bundle/Info.json",
+                             kelo::fuzz::defaultBundleInfo())) {
+    kelo::fuzz::fail("the bundle could not be installed");
+  }
+  t->stub = kelo::AmpvexStub::instance();
+  gTarget = t;
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Target& t = *gTarget;
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const kelo::Value parsed = kelo::platform::parseJson(text);
+  if (const std::optional<kelo::Value> mapped = withKnownApps(parsed)) {
+    if (!kelo::fuzz::writeFile(t.reportPath, kelo::platform::toJson(*mapped))) {
+      kelo::fuzz::fail("the report not written");
+    }
+  } else if (!kelo::fuzz::writeFile(t.reportPath, data, size)) {
+    kelo::fuzz::fail("the report not written");
+  }
+
+  t.stub->energyConsumedRefresh();
+  // The readings wait on the service's queue, so the refresh posted above has run by now.
+  t.stub->energyConsumedForFetch();
+  t.stub->energyConsumedForPush();
+  t.stub->energyConsumedForBackgroundDownload();
+  t.stub->energyConsumedForNonDiscDownload();
+  if (t.stub->energyConsumedForFetch() != 0 || t.stub->energyConsumedForPush() != 0 ||
+      t.stub->energyConsumedForBackgroundDownload() != 0 ||
+      t.stub->energyConsumedForNonDiscDownload() != 0) {
+    kelo::fuzz::fail("a second reading without a refresh was not 0");
+  }
+
+  const kelo::Value* capacity = parsed.find("BLMBatteryCapacity");
+  const double expectedCapacity =
+      capacity != nullptr && capacity->isNumber() ? capacity->doubleValue() : 0.0;
+  if (t.stub->getBatteryCapacity() != expectedCapacity) {
+    kelo::fuzz::fail("battery capacity %f, the report says %f", t.stub->getBatteryCapacity(),
+                     expectedCapacity);
+  }
+  const kelo::Value* date = parsed.find("BLMEnergyReferenceDate");
+  const std::optional<double> referenceDate = t.stub->startAmpvexLiteDate();
+  if (date != nullptr && date->isNumber()) {
+    if (!referenceDate || *referenceDate != date->doubleValue()) {
+      kelo::fuzz::fail("the reference date is not the report's");
+    }
+  } else if (referenceDate) {
+    kelo::fuzz::fail("a reference date kept from a report without one");
+  }
+  return 0;
+}
