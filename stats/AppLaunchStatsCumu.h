@@ -211,7 +211,7 @@ class KELO_EXPORT AppLaunchStatsCumu {
   template <class F>
   void onQueue(F&& f) const;
 
-  // Queue only, except buildLaunchStats_ which creation sets too.
+  // Every field is read and written only by tasks on cumuQueue_, except where marked.
   bool buildLaunchStats_ = false;
   // Constant after construction.
   std::unique_ptr<platform::SerialQueue> cumuQueue_;
@@ -240,6 +240,7 @@ class KELO_EXPORT AppLaunchStatsCumu {
   // Guarded by pastCycleMutex_, which is never held while logging.
   mutable std::mutex pastCycleMutex_;
   std::shared_ptr<const Predictions> pastCycle_;
+  // Queue only again from here on.
   SlotMap launchDict_;
   ZoneArray prewarmZoneCounts_{};
   SlotMap prewarmDict_;
