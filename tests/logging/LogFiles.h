@@ -22,13 +22,15 @@ namespace kelo::test {
 // "<Level>: text" of each line of a log file; a line not in the system log layout (time stamp,
 // "kelotest[pid]") fails the test.
 inline std::vector<std::string> lineBodies(const std::string& path) {
-  static const std::regex kLayout(
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] (<\w+>: .*))");
+  // Only the head goes through the regex: its matcher recurses per character.
+  static const std::regex kHead(
+      R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] )<\w+>: .*)");
   std::vector<std::string> out;
   for (const std::string& line : Sandbox::readLines(path)) {
+    const std::string head = line.substr(0, 80);
     std::smatch m;
-    if (std::regex_match(line, m, kLayout)) {
-      out.push_back(m[1]);
+    if (std::regex_match(head, m, kHead)) {
+      out.push_back(line.substr(static_cast<size_t>(m.length(1))));
     } else {
       ADD_FAILURE() << "malformed line in " << path << ": " << line;
     }
