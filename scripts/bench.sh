@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Builds the benchmarks in Release, runs every one of them, and prints one table: each measured
+# operation beside its peer and its physical limit from the same run, the ratios, the target and
+# whether it holds. Exit status 0 when every target holds.
+#   scripts/bench.sh              print the table
+#   scripts/bench.sh --markdown   print it as a Markdown table (as in BENCHMARKS.md)
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+"$top/scripts/setup.sh"
+build=$top/build/bench
+results=$build/results
+cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELO_BUILD_BENCH=ON \
+  -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_TOOLS=OFF >"$top/build/bench.configure.log"
+cmake --build "$build" -j"$(nproc)" >/dev/null
+rm -rf "$results" && mkdir -p "$results"
+
+run() {  # name [benchmark arguments...]
+  local name=$1
+  shift
+  echo "== running $name $*" >&2
+  "$build/bench/kelo_${name}" --benchmark_out="$results/$name${SUFFIX:-}.json" \
+    --benchmark_out_format=json "$@" >/dev/null
+}
+
+run queue_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+run logging_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+run config_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+run stats_bench
+run zones_bench
+run report_bench
+# The energy service is one per process and its pools keep every record: one size per process.
+for size in 1000 10000 100000; do
+  SUFFIX=-$size run energy_bench --benchmark_filter="BM_RefreshAndRead/$size/" \
+    --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+done
+
+format=()
+[ "${1:-}" = "--markdown" ] && format=(--markdown)
+"$build/bench/kelo_bench_report" "$results" "${format[@]}"
