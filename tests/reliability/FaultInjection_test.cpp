@@ -1,0 +1,435 @@
+// Faults of the platform under every service: a full disk, folders that are missing or cannot
+// be made, a rename that fails, a writer killed in the middle, a power monitor that answers
+// nothing useful, a metrics database held by another process. Each must end in the defined
+// outcome, with nothing lost that the library promised to keep.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <regex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kelo/AmpvexStub.h"
+#include "kelo/AppLaunchStatsCumu.h"
+#include "kelo/KeloLogger.h"
+#include "kelo/energy.h"
+#include "kelo/logging.h"
+#include "platform/Json.h"
+#include "platform/Metrics.h"
+#include "platform/Preferences.h"
+#include "tests/platform/ChildProcess.h"
+#include "tests/support/FaultyFileSystem.h"
+#include "tests/support/InMemoryPowerMonitor.h"
+#include "tests/support/Sandbox.h"
+
+namespace kelo {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using platform::PreferencesDomain;
+using test::FaultyFileSystem;
+using test::Sandbox;
+using Op = FaultyFileSystem::Op;
+
+// Waits up to ten seconds for `done`.
+template <class F>
+bool eventually(F done) {
+  for (int i = 0; i < 1000 && !done(); ++i) std::this_thread::sleep_for(10ms);
+  return done();
+}
+
+std::vector<std::string> filesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(folder, ec)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+bool anyLineHas(const Sandbox& sandbox, const std::string& text) {
+  for (const test::SystemLine& line : sandbox.systemLines()) {
+    if (line.text.find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
+std::optional<int64_t> storedMetric(const std::string& key) {
+  for (const auto& [k, v] : platform::readMetricsDatabase(platform::metricsDatabasePath()).rows) {
+    if (k == key) return v;
+  }
+  return std::nullopt;
+}
+
+// A sandbox whose file operations go through a FaultyFileSystem.
+struct FaultySandbox {
+  explicit FaultySandbox(platform::Overrides extra = {}) {
+    extra.fileSystem = files;
+    sandbox.install(std::move(extra));
+  }
+  std::string logs() const { return sandbox.homePath() + "/Library/Logs"; }
+  std::string live() const { return logs() + "/KeloLoggingDetailed.kelotest"; }
+
+  Sandbox sandbox;
+  std::shared_ptr<FaultyFileSystem> files = std::make_shared<FaultyFileSystem>();
+};
+
+// The texts of the whole lines of a log file. A line cut short by the full disk is not whole;
+// it must stay on a line of its own so that the next line is not glued to it.
+std::vector<std::string> wholeLineTexts(const std::string& path) {
+  static const std::regex kLayout(
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] <\w+>: (.*))");
+  std::vector<std::string> texts;
+  for (const std::string& line : Sandbox::readLines(path)) {
+    std::smatch m;
+    if (std::regex_match(line, m, kLayout)) texts.push_back(m[1]);
+  }
+  return texts;
+}
+
+TEST(LoggingFaults, AFullDiskDropsLinesAndTheFirstLineAfterwardsIsWhole) {
+  FaultySandbox s;
+  KeloLogger* logger = KeloLogger::instance();
+  logger->setLoggingMode(true);
+  logger->logToFileCString(nullptr);  // returns once the switch ran
+  (KELO_CLOG)("before %d", 1);
+  // The disk fills in the middle of a line: ten bytes of it land, then nothing more fits.
+  s.files->fail(Op::kWrite, ENOSPC, "/Library/Logs/", 10);
+  for (int i = 0; i < 20; ++i) (KELO_CLOG)("while full %d", i);
+  logger->dumpAllLogs();
+  logger->logToFileCString(nullptr);  // returns once the dump ran
+  s.files->heal();
+  (KELO_CLOG)("after %d", 1);
+  (KELO_CLOG)("after %d", 2);
+
+  EXPECT_EQ(wholeLineTexts(s.live()),
+            (std::vector<std::string>{"before 1", "after 1", "after 2"}));
+  const std::vector<std::string> raw = Sandbox::readLines(s.live());
+  ASSERT_EQ(raw.size(), 4u) << "the cut line stays a line of its own";
+  EXPECT_EQ(raw[1].size(), 10u);
+  EXPECT_TRUE(logger->canWriteToFile());
+  EXPECT_TRUE(s.sandbox.consoleLines().empty()) << "a dropped line is not a logger failure";
+}
+
+TEST(LoggingFaults, AFailedRotationIsReportedOnceAndTheOldFileIsAppendedTo) {
+  FaultySandbox s;
+  Sandbox::writeFile(s.live(), "previous process\n");
+  s.files->fail(Op::kRename, EACCES, "DiagnosticLogs");
+  KeloLogger* logger = KeloLogger::instance();
+  logger->setLoggingMode(true);
+  logger->logToFileCString("one");
+  logger->setLoggingMode(false);
+  logger->setLoggingMode(true);  // a later opening does not try again
+  logger->logToFileCString("two");
+
+  EXPECT_EQ(s.sandbox.consoleLines(),
+            std::vector<std::string>{"Move Error was code: 13 - message: Permission denied"});
+  const std::vector<std::string> lines = Sandbox::readLines(s.live());
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0], "previous process");
+  EXPECT_EQ(wholeLineTexts(s.live()), (std::vector<std::string>{"one", "two"}));
+  EXPECT_TRUE(filesIn(s.logs() + "/Wreckbox/DiagnosticLogs").empty());
+}
+
+TEST(LoggingFaults, MissingHomeAndLogFoldersAreMadeAgainWhenNeeded) {
+  Sandbox sandbox;
+  platform::Overrides o;
+  o.homeDirectory = sandbox.homePath() + "/not/made/yet";
+  sandbox.install(o);
+  const std::string logs = *o.homeDirectory + "/Library/Logs";
+  KeloLogger* logger = KeloLogger::instance();
+  logger->setLoggingMode(true);
+  logger->logToFileCString("first");
+  EXPECT_EQ(wholeLineTexts(logs + "/KeloLoggingDetailed.kelotest"),
+            std::vector<std::string>{"first"});
+  EXPECT_TRUE(PreferencesDomain::open("com.example.home")->write("k", Value::integer(1)));
+  platform::CumuClientAddValueForScalarKey("k", 1);
+  EXPECT_EQ(storedMetric("k"), 1);
+
+  // Someone removes the whole log folder under the running logger.
+  fs::remove_all(logs);
+  logger->logToFileCString("into the removed file");
+  logger->dumpAllLogs();
+  logger->setLoggingMode(false);
+  logger->setLoggingMode(true);
+  logger->logToFileCString("second");
+  EXPECT_EQ(wholeLineTexts(logs + "/KeloLoggingDetailed.kelotest"),
+            std::vector<std::string>{"second"});
+  EXPECT_EQ(filesIn(logs + "/Wreckbox/DiagnosticLogs").size(), 1u) << "the dump";
+  EXPECT_TRUE(sandbox.consoleLines().empty());
+}
+
+TEST(PreferencesFaults, AFullDiskKeepsTheOldFileAndTheNextWriteSucceedsOnceSpaceIsBack) {
+  FaultySandbox s;
+  auto domain = PreferencesDomain::open("com.example.full");
+  ASSERT_TRUE(domain->write("level", Value::integer(1)));
+  const std::string before = Sandbox::readFile(domain->path());
+
+  for (size_t fits : {size_t{0}, size_t{5}}) {
+    s.files->fail(Op::kWrite, ENOSPC, ".tmp", fits);
+    EXPECT_FALSE(domain->write("level", Value::integer(2)));
+    s.files->heal();
+    EXPECT_EQ(Sandbox::readFile(domain->path()), before);
+    EXPECT_EQ(PreferencesDomain::open("com.example.full")->contents().find("level")->integerValue(),
+              1)
+        << "another reader sees the old value";
+    EXPECT_EQ(filesIn(PreferencesDomain::directory()),
+              (std::vector<std::string>{"com.example.full.json", "com.example.full.json.lock"}));
+  }
+  EXPECT_TRUE(anyLineHas(s.sandbox, "No space left on device"));
+  // A full disk found by fsync, as delayed allocation reports it.
+  s.files->fail(Op::kFsync, ENOSPC, ".tmp");
+  EXPECT_FALSE(domain->synchronize());
+  EXPECT_EQ(Sandbox::readFile(domain->path()), before);
+  s.files->heal();
+
+  EXPECT_TRUE(domain->synchronize()) << "the change stayed staged";
+  EXPECT_EQ(platform::readJsonFile(domain->path()),
+            Value::dictionary({{"level", Value::integer(2)}}));
+}
+
+TEST(PreferencesFaults, AFolderThatCannotBeMadeFailsTheWriteUntilItCanBe) {
+  FaultySandbox s;
+  s.files->fail(Op::kMkdir, EACCES);
+  s.files->fail(Op::kOpen, EACCES, s.sandbox.homePath());
+  auto domain = PreferencesDomain::open("com.example.denied");
+  EXPECT_FALSE(domain->write("k", Value::integer(7)));
+  EXPECT_TRUE(anyLineHas(s.sandbox, "Permission denied"));
+  EXPECT_EQ(domain->contents().find("k")->integerValue(), 7) << "kept staged";
+  s.files->heal();
+  EXPECT_TRUE(domain->synchronize());
+  EXPECT_EQ(platform::readJsonFile(domain->path()), Value::dictionary({{"k", Value::integer(7)}}));
+}
+
+// The sweep: a writer is killed before its 1st, 2nd, ... file operation, until one write runs
+// to its end. After each kill the domain parses and holds the old or the new value, the other
+// keys stay, and the next write leaves no temporary file behind.
+TEST(PreferencesFaults, AWriterKilledAtAnyStepLeavesTheOldOrTheNewValueAndNoLeftovers) {
+  FaultySandbox s;
+  constexpr const char* kName = "com.example.crash";
+  auto domain = PreferencesDomain::open(kName);
+  ASSERT_TRUE(domain->write("other", Value::string("kept")));
+  ASSERT_TRUE(domain->write("v", Value::integer(0)));
+  constexpr int kKilled = 100;  // + the operation it was killed before
+
+  int64_t old = 0;
+  std::set<std::string> killedBefore;
+  bool completed = false;
+  for (int step = 1; step <= 100 && !completed; ++step) {
+    SCOPED_TRACE("killed before step " + std::to_string(step));
+    const int64_t next = step * 10;
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      s.files->beforeStep(step, [](Op op, const std::string&) {
+        ::_exit(kKilled + static_cast<int>(op));
+      });
+      ::_exit(PreferencesDomain::open(kName)->write("v", Value::integer(next)) ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    const int code = WEXITSTATUS(status);
+    ASSERT_TRUE(code == 0 || code >= kKilled) << code;
+    completed = code == 0;
+    if (!completed) killedBefore.insert(FaultyFileSystem::name(static_cast<Op>(code - kKilled)));
+
+    const Value file = platform::readJsonFile(domain->path());
+    ASSERT_TRUE(file.isDictionary()) << Sandbox::readFile(domain->path());
+    ASSERT_NE(file.find("other"), nullptr);
+    EXPECT_EQ(file.find("other")->asString(), "kept");
+    const int64_t v = file.find("v")->integerValue();
+    EXPECT_TRUE(v == old || v == next) << v;
+    EXPECT_TRUE(!completed || v == next);
+
+    old = v + 1;
+    ASSERT_TRUE(domain->write("v", Value::integer(old)));
+    EXPECT_EQ(filesIn(PreferencesDomain::directory()),
+              (std::vector<std::string>{std::string(kName) + ".json",
+                                        std::string(kName) + ".json.lock"}));
+  }
+  EXPECT_TRUE(completed);
+  for (const char* op : {"open", "write", "fsync", "close", "rename"}) {
+    EXPECT_EQ(killedBefore.count(op), 1u) << "never killed before a " << op;
+  }
+}
+
+TEST(MetricsFaults, AFullDiskKeepsEveryValueAndWritesItOnceSpaceIsBack) {
+  Sandbox sandbox;
+  sandbox.install();
+  platform::CumuClientAddValueForScalarKey("total", 1);
+  ASSERT_EQ(storedMetric("total"), 1);
+
+  // SQLite writes its files itself; a file size limit of one byte fills its disk.
+  ::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const rlimit roomy = limit;
+  limit.rlim_cur = 1;
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  for (int i = 1; i <= 20; ++i) {
+    platform::CumuClientAddValueForScalarKey("total", 1);
+    platform::CumuClientSetValueForScalarKey("level", i);
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &roomy), 0);
+  int warnings = 0;
+  for (const test::SystemLine& line : sandbox.systemLines()) {
+    if (line.priority == LOG_WARNING && line.text.rfind("metrics: ", 0) == 0) ++warnings;
+  }
+  EXPECT_EQ(warnings, 1) << "one line per failure episode";
+  EXPECT_EQ(storedMetric("total"), 1) << "nothing reached the full disk";
+
+  // Nothing else is written: the kept values arrive by themselves.
+  EXPECT_TRUE(eventually(
+      [] { return storedMetric("total") == 21 && storedMetric("level") == 20; }));
+  platform::CumuClientAddValueForScalarKey("total", 1);
+  EXPECT_EQ(storedMetric("total"), 22);
+}
+
+TEST(MetricsFaults, AMetricsFolderThatCannotBeMadeKeepsTheValuesUntilItCanBe) {
+  FaultySandbox s;
+  s.files->fail(Op::kMkdir, EACCES, "/Library/Metrics");
+  platform::CumuClientAddValueForScalarKey("total", 5);
+  platform::CumuClientSetValueForScalarKey("level", 3);
+  platform::CumuClientAddValueForScalarKey("total", 6);
+  EXPECT_FALSE(fs::exists(platform::metricsDatabasePath()));
+  EXPECT_TRUE(anyLineHas(s.sandbox, "Permission denied"));
+  s.files->heal();
+  EXPECT_TRUE(
+      eventually([] { return storedMetric("total") == 11 && storedMetric("level") == 3; }));
+}
+
+struct Pipe {
+  Pipe() {
+    if (::pipe(fds) != 0) std::abort();
+  }
+  bool send() const { return ::write(fds[1], "x", 1) == 1; }
+  bool receive() const {
+    char byte;
+    return ::read(fds[0], &byte, 1) == 1;
+  }
+  int fds[2];
+};
+
+// The collector's upload while another process holds the metrics database in an exclusive
+// transaction, longer than the store waits: every uploaded value arrives once it lets go.
+TEST(MetricsFaults, AnUploadWhileAnotherProcessHoldsTheDatabaseLosesNothing) {
+  Sandbox sandbox;
+  sandbox.install();
+  platform::setMetricsBusyTimeoutMs(20);
+  platform::CumuClientSetValueForScalarKey("seed", 1);  // the database exists
+  Pipe locked, release;
+  const std::string path = platform::metricsDatabasePath();
+  test::ChildProcess locker([&] {
+    sqlite3* db = nullptr;
+    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) return 1;
+    if (sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) return 2;
+    if (!locked.send() || !release.receive()) return 3;
+    return sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : 4;
+  });
+  locker.go();
+  ASSERT_TRUE(locked.receive());
+
+  AppLaunchStatsCumu* stats = AppLaunchStatsCumu::sharedInstance();
+  for (int i = 0; i < 3; ++i) stats->fetchAttemptIncrement();
+  for (int i = 0; i < 2; ++i) stats->pushAttemptIncrement();
+  stats->newCycleWithApps({});
+  stats->snapshot();  // the upload ran
+  EXPECT_EQ(storedMetric("com.vorn.Kelo.push.total_requests"), std::nullopt);
+  ASSERT_TRUE(release.send());
+  EXPECT_EQ(locker.wait(), 0);
+
+  EXPECT_TRUE(eventually([] {
+    return storedMetric("com.vorn.Kelo.push.total_requests") == 2 &&
+           storedMetric("com.vorn.Kelo.fetch.any.triggered") == 3;
+  }));
+  for (int i = 0; i < 4; ++i) stats->pushAttemptIncrement();
+  stats->newCycleWithApps({});
+  stats->snapshot();
+  EXPECT_EQ(storedMetric("com.vorn.Kelo.push.total_requests"), 6) << "a running total";
+}
+
+// A monitor whose every answer the test scripts, including exceptions.
+class ScriptedMonitor : public test::InMemoryPowerMonitor {
+ public:
+  std::atomic<bool> throwOnReport{false};
+  std::atomic<bool> throwOnEvent{false};
+  void logEvent(const char* bundleId, int16_t type, uint64_t seqNum, int32_t kind) override {
+    if (throwOnEvent) throw std::runtime_error("monitor gone");
+    InMemoryPowerMonitor::logEvent(bundleId, type, seqNum, kind);
+  }
+  std::optional<Value> reportEnergy(const void* selector) override {
+    if (throwOnReport) throw 42;  // not even an exception type
+    return InMemoryPowerMonitor::reportEnergy(selector);
+  }
+};
+
+TEST(EnergyFaults, AMonitorAnsweringNothingGarbageOrThrowingLeavesTheServiceWorking) {
+  using Monitor = test::InMemoryPowerMonitor;
+  Sandbox sandbox;
+  auto monitor = std::make_shared<ScriptedMonitor>();
+  platform::Overrides o;
+  o.powerMonitor = monitor;
+  sandbox.install(o);
+  constexpr double kDate = 1763700000.0;
+  monitor->setReport(Monitor::report(3000, kDate, {{"com.a", 1, 10}}));
+  AmpvexStub* stub = AmpvexStub::instance();
+  EXPECT_EQ(stub->getBatteryCapacity(), 3000.0);
+
+  const std::vector<std::optional<Value>> useless = {
+      std::nullopt,
+      Value::string("not a report"),
+      Value::array({Value::integer(1)}),
+      Value::dictionary({{"BLMBatteryCapacity", Value::string("full")},
+                         {"BLMEnergyReferenceDate", Value::integer(1763700000)},
+                         {"BLMEnergyForKelo", Value::dictionary({{"com.a", Value::integer(1)}})}}),
+      Value::dictionary({{"BLMEnergyForKelo",
+                          Value::array({Value::dictionary({{"bundleID", Value::array({})},
+                                                           {"updateType", Value::string("1")},
+                                                           {"energy_mWh", Value::real(5)}})})}}),
+  };
+  for (const std::optional<Value>& answer : useless) {
+    monitor->setReport(answer);
+    energyConsumedRefresh();
+    EXPECT_EQ(stub->getBatteryCapacity(), 0.0);
+    EXPECT_EQ(stub->energyConsumedForFetch(), 0);
+    EXPECT_EQ(stub->startAmpvexLiteDate(), std::nullopt);
+  }
+
+  monitor->throwOnReport = true;
+  monitor->throwOnEvent = true;
+  energyConsumedRefresh();
+  energyStartLogging("com.a", 1, 1);
+  energyStopLogging("com.a", 1, 1);
+  EXPECT_EQ(energyConsumedForBackgroundDownload(), 0);
+  EXPECT_TRUE(anyLineHas(sandbox, "energy refresh failed"));
+  EXPECT_TRUE(anyLineHas(sandbox, "monitor gone"));
+
+  monitor->throwOnReport = false;
+  monitor->throwOnEvent = false;
+  monitor->setReport(Monitor::report(3000, kDate, {{"com.a", 1, 30}}));
+  energyConsumedRefresh();
+  EXPECT_EQ(stub->energyConsumedForFetch(), 30) << "after the resets the amount counts whole";
+  energyStartLogging("com.a", 1, 2);
+  stub->getBatteryCapacity();
+  EXPECT_EQ(monitor->events().size(), 1u);
+}
+
+}  // namespace
+}  // namespace kelo
