@@ -206,6 +206,39 @@ std::string replaceFile(const std::string& folder, const std::string& name, cons
   return failure;
 }
 
+// A writer that died between creating its temporary file and renaming it leaves the file
+// behind. Temporary files are only written under the domain's lock, so any found while holding
+// it belong to a dead writer and are removed: repeated crashes cannot fill the folder.
+void removeStaleTemporaries(const std::string& folder, const std::string& name) {
+  DIR* dir = ::opendir(folder.c_str());
+  if (dir == nullptr) return;
+  const std::string prefix = "." + name + kSuffix + ".";
+  const std::string_view suffix(".tmp");
+  std::vector<std::string> stale;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string_view file(entry->d_name);
+    if (file.size() <= prefix.size() + suffix.size() || file.substr(0, prefix.size()) != prefix ||
+        file.substr(file.size() - suffix.size()) != suffix) {
+      continue;
+    }
+    // "<pid>.<counter>" exactly, so that another domain's temporaries never match.
+    const std::string_view middle =
+        file.substr(prefix.size(), file.size() - prefix.size() - suffix.size());
+    const size_t dot = middle.find('.');
+    const auto digits = [](std::string_view part) {
+      return !part.empty() &&
+             std::all_of(part.begin(), part.end(), [](char c) { return c >= '0' && c <= '9'; });
+    };
+    if (dot == std::string_view::npos || !digits(middle.substr(0, dot)) ||
+        !digits(middle.substr(dot + 1))) {
+      continue;
+    }
+    stale.emplace_back(file);
+  }
+  ::closedir(dir);
+  for (const std::string& file : stale) fileSystem().unlink((folder + "/" + file).c_str());
+}
+
 }  // namespace
 
 bool PreferencesDomain::isValidName(std::string_view name) {
@@ -275,6 +308,7 @@ bool PreferencesDomain::synchronize() {
            std::string("cannot lock: ") + std::strerror(errno));
     return false;
   }
+  removeStaleTemporaries(directory_, name_);
   FileRead current = readDomainFile(path_);
   if (current.outcome == FileRead::kRefused) {
     report(LOG_WARNING, path_, "preferences not written", "the file was refused");

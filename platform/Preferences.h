@@ -5,7 +5,8 @@
 // (flock on <domain>.json.lock) the current file is read, the staged changes applied, and the
 // result written to a temporary file that is fsynced, renamed over the domain file, and made
 // permanent by an fsync of the folder. Any number of threads and processes may write one domain
-// at once without losing a key. Readers never see a half-written file.
+// at once without losing a key. Readers never see a half-written file, and the temporary file of
+// a writer that died mid-write is removed by the next write of the domain.
 //
 // A domain file that does not parse is moved aside to <domain>.json.corrupt (or .corrupt.N when
 // that exists) with one system-log line naming file, line and column, and reads as empty; it is
