@@ -26,6 +26,9 @@ struct vsl_client_s {
   struct Output {
     int fd;
     int mask;
+    // The last line was cut short by a failed write (a full disk): the next line first ends it,
+    // so that it is not glued to the fragment.
+    bool torn = false;
   };
   std::string ident;
   std::string facility;
@@ -167,18 +170,20 @@ void appendTimeStamp(vsl_client_s& client, LineBuffer& out) {
 
 // Writes the whole buffer: a write interrupted by a signal is retried and a short one completed.
 // Any other failure drops the rest of the line, since the caller must never be stopped by it.
-void writeFully(int fd, const char* data, size_t size) {
+// Returns the number of bytes written.
+size_t writeFully(int fd, const char* data, size_t size) {
   kelo::platform::FileSystem& files = kelo::platform::fileSystem();
-  while (size > 0) {
-    const ssize_t n = files.write(fd, data, size);
+  size_t written = 0;
+  while (written < size) {
+    const ssize_t n = files.write(fd, data + written, size - written);
     if (n < 0) {
       if (errno == EINTR) continue;
-      return;
+      break;
     }
-    if (n == 0) return;
-    data += n;
-    size -= static_cast<size_t>(n);
+    if (n == 0) break;
+    written += static_cast<size_t>(n);
   }
+  return written;
 }
 
 bool levelPasses(int level, int mask) {
@@ -192,8 +197,14 @@ void writeLine(vsl_client_s& client, int level, const char* text, size_t textSiz
   line.append(kLevelNames[level].data(), kLevelNames[level].size());
   appendEscaped(line, text, textSize);
   line.append('\n');
-  for (const vsl_client_s::Output& o : client.outputs) {
-    if (levelPasses(level, o.mask)) writeFully(o.fd, line.data(), line.size());
+  for (vsl_client_s::Output& o : client.outputs) {
+    if (!levelPasses(level, o.mask)) continue;
+    if (o.torn) {
+      if (writeFully(o.fd, "\n", 1) != 1) continue;  // still no room: this line is dropped too
+      o.torn = false;
+    }
+    const size_t written = writeFully(o.fd, line.data(), line.size());
+    o.torn = written > 0 && written < line.size();
   }
 }
 

@@ -5,7 +5,8 @@
  *
  * Line layout: "2026-11-21 10:56:00.123456 +0000 ident[pid] <Info>: text". Control characters
  * in the text are escaped, so one call is always one line. A failed write is retried on EINTR,
- * completed when short, and otherwise dropped: it never stops the caller.
+ * completed when short, and otherwise dropped: it never stops the caller. A line cut short that
+ * way (a full disk) is ended with a newline before the next line to that file.
  *
  * A client is not thread-safe: use it from one thread at a time (the loggers use it on their
  * queue). Handles are owned by the caller; vsl_close frees a client, and a message handle lives
