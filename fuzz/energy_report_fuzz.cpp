@@ -2,6 +2,8 @@
 // energy service's refresh. Whatever the file holds, the refresh must charge what it can and
 // read wrong types as absent: the capacity and the reference date the service keeps are the
 // file's when they are numbers, and absent otherwise.
+#include <fcntl.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -11,6 +13,7 @@
 
 #include "fuzz/FuzzPlatform.h"
 #include "kelo/AmpvexStub.h"
+#include "kelo/vsl.h"
 #include "platform/Json.h"
 
 namespace {
@@ -55,6 +58,8 @@ std::optional<kelo::Value> withKnownApps(const kelo::Value& report) {
 struct Target {
   std::string reportPath;
   kelo::AmpvexStub* stub = nullptr;
+  vsl_client_t client = nullptr;
+  vsl_msg_t message = nullptr;
 };
 
 Target* gTarget = nullptr;
@@ -70,6 +75,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     kelo::fuzz::fail("the bundle could not be installed");
   }
   t->stub = kelo::AmpvexStub::instance();
+  // The dump goes nowhere: what matters is that describing whatever a report left is safe.
+  const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  t->client = vsl_open(kelo::fuzz::kFuzzProcess, "KeloDump", VSL_OPT_NO_DELAY);
+  t->message = vsl_new(VSL_TYPE_MSG);
+  if (devNull < 0 || t->client == nullptr || t->message == nullptr ||
+      vsl_add_log_file(t->client, devNull) != 0) {
+    kelo::fuzz::fail("the dump client could not be set up");
+  }
   gTarget = t;
   return 0;
 }
@@ -114,5 +127,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } else if (referenceDate) {
     kelo::fuzz::fail("a reference date kept from a report without one");
   }
+  t.stub->logAll(t.client, t.message, VSL_LEVEL_INFO);
   return 0;
 }
