@@ -365,6 +365,40 @@ TEST(MetricsFaults, AnUploadWhileAnotherProcessHoldsTheDatabaseLosesNothing) {
   EXPECT_EQ(storedMetric("com.vorn.Kelo.push.total_requests"), 6) << "a running total";
 }
 
+// An embedder's metrics sink that throws: the upload goes on key by key and the collector keeps
+// working.
+TEST(MetricsFaults, AThrowingSinkNeitherStopsTheUploadNorEscapes) {
+  class ThrowingSink : public platform::MetricsSink {
+   public:
+    std::atomic<int> calls{0};
+    void setValue(const std::string&, int64_t) override {
+      ++calls;
+      throw std::runtime_error("sink down");
+    }
+    void addValue(const std::string&, int64_t) override {
+      ++calls;
+      throw 7;
+    }
+  };
+  Sandbox sandbox;
+  auto sink = std::make_shared<ThrowingSink>();
+  platform::Overrides o;
+  o.metrics = sink;
+  sandbox.install(o);
+  AppLaunchStatsCumu* stats = AppLaunchStatsCumu::sharedInstance();
+  stats->fetchAttemptIncrement();  // five set keys and one added key
+  stats->pushAttemptIncrement();   // five added keys
+  stats->newCycleWithApps({});
+  stats->fetchAttemptIncrement();
+  EXPECT_EQ(stats->snapshot().fetchAttempt, 1);
+  EXPECT_EQ(sink->calls.load(), 2 + 6 + 5) << "the two totals of every upload, then each group";
+  int lines = 0;
+  for (const test::SystemLine& line : sandbox.systemLines()) {
+    if (line.text.rfind("metrics: the installed metrics sink threw in ", 0) == 0) ++lines;
+  }
+  EXPECT_EQ(lines, sink->calls.load());
+}
+
 // A monitor whose every answer the test scripts, including exceptions.
 class ScriptedMonitor : public test::InMemoryPowerMonitor {
  public:
