@@ -53,7 +53,7 @@ mode_t modeOf(const std::string& path) {
   return ::lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
-// Texts of every line of the files of `folder` (dumps) and of `file`, without their prefix.
+// The texts of every line of `files`, without their time stamp and sender.
 std::vector<std::string> texts(const std::vector<std::string>& files) {
   std::vector<std::string> out;
   for (const std::string& file : files) {
