@@ -1,21 +1,19 @@
 #include "kelo/KeloConfigurator.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstring>
-#include <ostream>
+#include <filesystem>
+#include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "config/ConfigKeys.h"
 #include "kelo/config.h"
-#include "kelo/vsl.h"
 #include "tests/config/ConfigTestSupport.h"
+#include "tests/support/LogCapture.h"
 
 namespace kelo {
 namespace {
@@ -23,17 +21,33 @@ namespace {
 using test::kMobileBundle;
 using test::kSystemBundle;
 using test::Sandbox;
-
-constexpr const char* kMissingLine = "Kelo keyword missing in dict ";
+using Lines = std::vector<std::string>;
 
 Value dict(Value::Dictionary d) { return Value::dictionary(std::move(d)); }
 Value integer(int64_t i) { return Value::integer(i); }
+
+// Counts renames by target file name: how often a preferences domain was made durable.
+class CountingFileSystem : public platform::FileSystem {
+ public:
+  int rename(const char* from, const char* to) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++renames_[std::filesystem::path(to).filename().string()];
+    return FileSystem::rename(from, to);
+  }
+  int renamesInto(const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return renames_[name];
+  }
+
+ private:
+  std::mutex mutex_;
+  std::map<std::string, int> renames_;
+};
 
 class KeloConfiguratorTest : public ::testing::Test {
  protected:
   // Installs the sandbox with "hw.machine" answering `model`.
   void install(const std::string& model = "x86_64") {
-    files_ = std::make_shared<test::CountingFileSystem>();
     platform::Overrides o;
     o.deviceAnswers = dict({{"hw.machine", Value::string(model)}});
     o.fileSystem = files_;
@@ -42,34 +56,26 @@ class KeloConfiguratorTest : public ::testing::Test {
   void writeOverride(const std::string& json) {
     test::writeDomainFile(sandbox_, "com.vorn.Kelo", R"({"overideConfig": )" + json + "}");
   }
-  std::vector<std::string> missingLines() const {
-    std::vector<std::string> out;
-    for (const std::string& t : test::detailedLogTexts(sandbox_)) {
-      if (t.rfind(kMissingLine, 0) == 0) out.push_back(t.substr(std::strlen(kMissingLine)));
+  Lines missingLines() const {
+    Lines out;
+    for (const std::string& t : test::DetailedLog(sandbox_).texts({"Kelo keyword missing"})) {
+      EXPECT_EQ(t.rfind("Kelo keyword missing in dict ", 0), 0u) << t;
+      out.push_back(t.substr(29));
     }
     return out;
   }
-  // The dump's lines, captured through a system-log client attached to a temporary file.
-  std::vector<std::string> dump(KeloConfigurator& configurator) {
-    const std::string path = sandbox_.homePath() + "/dump.log";
-    std::remove(path.c_str());
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    vsl_client_t client = vsl_open("kelotest", "dump", VSL_OPT_NO_DELAY);
-    vsl_add_log_file(client, fd);
-    configurator.logAll(client, vsl_new(VSL_TYPE_MSG), VSL_LEVEL_INFO);
-    configurator.logLight(client, vsl_new(VSL_TYPE_MSG), VSL_LEVEL_INFO);
-    vsl_close(client);
-    ::close(fd);
-    std::vector<std::string> texts;
-    for (const std::string& line : Sandbox::readLines(path)) {
-      const size_t at = line.find("<Info>: ");
-      texts.push_back(at == std::string::npos ? line : line.substr(at + 8));
-    }
-    return texts;
+  static Lines dump(KeloConfigurator& configurator) {
+    test::VslCapture capture;
+    configurator.logAll(capture.client(), capture.msg(), VSL_LEVEL_INFO);
+    configurator.logLight(capture.client(), capture.msg(), VSL_LEVEL_INFO);
+    return capture.texts();
+  }
+  int64_t havenValue(const char* domain, const char* key) const {
+    return test::readDomainFile(sandbox_, domain).find(key)->integerValue();
   }
 
   Sandbox sandbox_;
-  std::shared_ptr<test::CountingFileSystem> files_;
+  std::shared_ptr<CountingFileSystem> files_ = std::make_shared<CountingFileSystem>();
 };
 
 TEST_F(KeloConfiguratorTest, WithoutBundleEveryKeyIsMissingAndTheOverrideIsNotRead) {
@@ -83,14 +89,13 @@ TEST_F(KeloConfiguratorTest, WithoutBundleEveryKeyIsMissingAndTheOverrideIsNotRe
   EXPECT_EQ(getStateForC("globalPowerBudget"), -1);
   EXPECT_EQ(c->appWhiteListArray(), nullptr);
   EXPECT_TRUE(c->appBlackMap()->empty());
-  EXPECT_EQ(missingLines(),
-            (std::vector<std::string>{"maxFetchApps", "maxFetchApps", "globalPowerBudget"}));
+  EXPECT_EQ(missingLines(), (Lines{"maxFetchApps", "maxFetchApps", "globalPowerBudget"}));
 
   // A reload that still finds no bundle changes nothing, not even through the override.
   c->reloadBundleFromDisk();
   EXPECT_EQ(c->getStateFor("maxFetchApps"), -1);
-  EXPECT_EQ(dump(*c), (std::vector<std::string>{"CONFIG-------->", "bundle (null)", "White list",
-                                                "Config Dictionary", "<--------CONFIG"}));
+  EXPECT_EQ(dump(*c), (Lines{"CONFIG-------->", "bundle (null)", "White list",
+                             "Config Dictionary", "<--------CONFIG"}));
 }
 
 TEST_F(KeloConfiguratorTest, ShippedBundleSuppliesEveryKeyWithTheModelEntryOnTop) {
@@ -103,8 +108,6 @@ TEST_F(KeloConfiguratorTest, ShippedBundleSuppliesEveryKeyWithTheModelEntryOnTop
   }
   EXPECT_TRUE(missingLines().empty());
   EXPECT_GT(c->getStateFor("globalPowerBudget"), 0);
-  EXPECT_GT(c->getStateFor("fetchAppPowerBudget"), 0);
-  // The shipped entry for x86_64 overrides the base values of these keys.
   const Value info = platform::readJsonFile(test::shippedBundleDirectory() + "/Info.json");
   const Value* model = info.find("productSpecific")->find("x86_64");
   ASSERT_NE(model, nullptr);
@@ -136,37 +139,28 @@ TEST_F(KeloConfiguratorTest, MobileBundleReplacesTheSystemBundleWhole) {
   EXPECT_EQ(dump(c)[1], "bundle com.vorn.KeloMobileConfig");
 }
 
-struct PrecedenceCase {
-  const char* name;
-  std::string model;
-  bool withOverride;
-  int64_t expected;
-  friend void PrintTo(const PrecedenceCase& c, std::ostream* os) { *os << c.name; }
-};
-
 class PrecedenceTest : public KeloConfiguratorTest,
-                       public ::testing::WithParamInterface<PrecedenceCase> {};
+                       public ::testing::WithParamInterface<std::pair<std::string, int64_t>> {};
 
 TEST_P(PrecedenceTest, BaseThenModelEntryThenOverride) {
-  const PrecedenceCase& p = GetParam();
-  install(p.model);
+  const auto [model, withoutOverride] = GetParam();
+  install(model);
   test::writeBundle(sandbox_, kSystemBundle, R"({
     "commonDefaults": {"maxFetchApps": 3, "coalesceTime": 30},
     "productSpecific": {"x86_64": {"commonDefaults": {"maxFetchApps": 5}},
                         "Phone9,1": {"commonDefaults": {"coalesceTime": 99}}}})");
-  if (p.withOverride) writeOverride(R"({"commonDefaults": {"maxFetchApps": 7}})");
-  KeloConfigurator c;
-  EXPECT_EQ(c.getStateFor("maxFetchApps"), p.expected);
-  EXPECT_EQ(c.getStateFor("coalesceTime"), 30);  // only another model's entry sets it
+  for (int64_t expected : {withoutOverride, int64_t{7}}) {
+    KeloConfigurator c;
+    EXPECT_EQ(c.getStateFor("maxFetchApps"), expected);
+    EXPECT_EQ(c.getStateFor("coalesceTime"), 30);  // only another model's entry sets it
+    writeOverride(R"({"commonDefaults": {"maxFetchApps": 7}})");
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sources, PrecedenceTest,
-                         ::testing::Values(PrecedenceCase{"overrideWins", "x86_64", true, 7},
-                                           PrecedenceCase{"modelEntryBeatsBase", "x86_64", false,
-                                                          5},
-                                           PrecedenceCase{"otherModelOverride", "other", true, 7},
-                                           PrecedenceCase{"otherModelBase", "other", false, 3}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Models, PrecedenceTest,
+                         ::testing::Values(std::pair{std::string("x86_64"), int64_t{5}},
+                                           std::pair{std::string("other"), int64_t{3}}),
+                         [](const auto& info) { return info.param.first; });
 
 TEST_F(KeloConfiguratorTest, WithoutCommonDefaultsOnlyTheListsAndTheOverrideLoad) {
   install();
@@ -177,11 +171,9 @@ TEST_F(KeloConfiguratorTest, WithoutCommonDefaultsOnlyTheListsAndTheOverrideLoad
   KeloConfigurator c;
   EXPECT_EQ(c.appBlackMap()->size(), 2u);
   EXPECT_EQ(c.appBlackMap()->at("a.app"), Value::boolean(true));
-  EXPECT_EQ(c.getStateFor("disableFetch"), 1);
   for (const config::KeyInfo& key : config::kKeys) {
-    if (key.name != "disableFetch") {
-      EXPECT_EQ(c.getStateFor(std::string(key.name)), -1) << key.name;
-    }
+    EXPECT_EQ(c.getStateFor(std::string(key.name)), key.name == "disableFetch" ? 1 : -1)
+        << key.name;
   }
 }
 
@@ -192,11 +184,10 @@ TEST_F(KeloConfiguratorTest, ReloadKeepsValuesAndBlacklistButReplacesTheWhitelis
     "commonDefaults": {"globalPowerBudget": 5000, "maxFetchApps": 4}})");
   KeloConfigurator c;
   const auto whiteBefore = c.appWhiteListArray();
-  EXPECT_EQ(dump(c),
-            (std::vector<std::string>{"CONFIG-------->", "bundle com.vorn.KeloConfiguration",
-                                      "White list", "w.one", "w.two", "Config Dictionary",
-                                      "key: globalPowerBudget   value:5000",
-                                      "key: maxFetchApps   value:4", "<--------CONFIG"}));
+  EXPECT_EQ(dump(c), (Lines{"CONFIG-------->", "bundle com.vorn.KeloConfiguration", "White list",
+                            "w.one", "w.two", "Config Dictionary",
+                            "key: globalPowerBudget   value:5000", "key: maxFetchApps   value:4",
+                            "<--------CONFIG"}));
 
   test::writeBundle(sandbox_, kSystemBundle, R"({"bundleIdentifier": "com.vorn.KeloConfiguration",
     "blacklist": ["new.black"], "commonDefaults": {"maxFetchApps": 6}})");
@@ -207,10 +198,9 @@ TEST_F(KeloConfiguratorTest, ReloadKeepsValuesAndBlacklistButReplacesTheWhitelis
   EXPECT_EQ(c.appBlackMap()->count("new.black"), 1u);
   EXPECT_EQ(c.appWhiteListArray(), nullptr);
   EXPECT_EQ(whiteBefore->size(), 2u);  // a snapshot taken earlier is left as it was
-  EXPECT_EQ(dump(c), (std::vector<std::string>{
-                         "CONFIG-------->", "bundle com.vorn.KeloConfiguration", "White list",
-                         "Config Dictionary", "key: globalPowerBudget   value:5000",
-                         "key: maxFetchApps   value:6", "<--------CONFIG"}));
+  EXPECT_EQ(dump(c), (Lines{"CONFIG-------->", "bundle com.vorn.KeloConfiguration", "White list",
+                            "Config Dictionary", "key: globalPowerBudget   value:5000",
+                            "key: maxFetchApps   value:6", "<--------CONFIG"}));
 
   // A third source without the key leaves it; one with it replaces it.
   c.loadConfigurations(dict({{"commonDefaults", dict({{"globalPowerBudget", integer(7000)}})}}));
@@ -219,50 +209,35 @@ TEST_F(KeloConfiguratorTest, ReloadKeepsValuesAndBlacklistButReplacesTheWhitelis
   EXPECT_EQ(c.getStateFor("globalPowerBudget"), 7000);
 }
 
-TEST_F(KeloConfiguratorTest, ValuesReadAsIntegersWhateverTheirType) {
+TEST_F(KeloConfiguratorTest, ValuesReadAsIntegersOnlyFromTheirGroup) {
   install();
   KeloConfigurator c;
-  c.loadConfigurations(dict({{"commonDefaults", dict({
-                                                    {"timeThreshold", Value::real(2.9)},
-                                                    {"coalesceTime", Value::real(-2.9)},
-                                                    {"enableBudgeting", Value::boolean(true)},
-                                                    {"disableFetch", Value::boolean(false)},
-                                                    {"maxFetchApps", Value::string("42abc")},
-                                                    {"loggingMode", dict({})},
-                                                    {"dataMinSlot", integer(-1)},
-                                                    {"NotAKey", integer(5)},
-                                                })}}));
-  EXPECT_EQ(c.getStateFor("timeThreshold"), 2);
-  EXPECT_EQ(c.getStateFor("coalesceTime"), -2);
-  EXPECT_EQ(c.getStateFor("enableBudgeting"), 1);
-  EXPECT_EQ(c.getStateFor("disableFetch"), 0);
-  EXPECT_EQ(c.getStateFor("maxFetchApps"), 42);
-  EXPECT_EQ(c.getStateFor("loggingMode"), 0);
-  EXPECT_EQ(c.getStateFor("dataMinSlot"), -1);  // stored, yet reads like a missing key
-  EXPECT_EQ(c.getStateFor("NotAKey"), -1);
-  EXPECT_EQ(c.getStateFor("maxfetchapps"), -1);
-  EXPECT_EQ(c.getStateFor("launchTimeLimit"), -1);
-}
-
-TEST_F(KeloConfiguratorTest, GroupsAreReadOnlyWhereTheyBelong) {
-  install();
-  KeloConfigurator c;
-  // "whenToLaunch" beside "commonDefaults" and keys in the wrong group contribute nothing.
   c.loadConfigurations(dict({
-      {"commonDefaults", dict({{"fetchAppDataBudget", integer(1)}})},
+      {"commonDefaults", dict({{"timeThreshold", Value::real(2.9)},
+                               {"coalesceTime", Value::real(-2.9)},
+                               {"enableBudgeting", Value::boolean(true)},
+                               {"disableFetch", Value::boolean(false)},
+                               {"maxFetchApps", Value::string("42abc")},
+                               {"loggingMode", dict({})},
+                               {"dataMinSlot", integer(-1)},
+                               {"NotAKey", integer(5)},
+                               {"fetchAppDataBudget", integer(1)}})},
+      // "whenToLaunch" beside "commonDefaults" and keys in the wrong group contribute nothing.
       {"whenToLaunch", dict({{"allowTrending", Value::boolean(true)}})},
       {"VPSD", dict({{"pushAppDataBudget", integer(2)}, {"globalTopicLimit", integer(3)}})},
       {"backgroundDownload", integer(4)},
   }));
-  for (const char* key : {"allowTrending", "fetchAppDataBudget", "pushAppDataBudget"}) {
-    EXPECT_EQ(c.getStateFor(key), -1) << key;
-  }
-  EXPECT_EQ(c.getStateFor("globalTopicLimit"), 3);
-  c.loadConfigurations(
-      dict({{"commonDefaults", dict({{"whenToLaunch", dict({
-                                                          {"allowTrending", integer(1)},
-                                                          {"allowPowerOnWake", integer(0)},
-                                                      })}})}}));
+  const std::map<std::string, int64_t> expected = {
+      {"timeThreshold", 2},   {"coalesceTime", -2},      {"enableBudgeting", 1},
+      {"disableFetch", 0},    {"maxFetchApps", 42},      {"loggingMode", 0},
+      {"dataMinSlot", -1},    {"NotAKey", -1},           {"maxfetchapps", -1},
+      {"launchTimeLimit", -1}, {"allowTrending", -1},    {"fetchAppDataBudget", -1},
+      {"pushAppDataBudget", -1}, {"globalTopicLimit", 3}};
+  for (const auto& [key, value] : expected) EXPECT_EQ(c.getStateFor(key), value) << key;
+
+  c.loadConfigurations(dict({{"commonDefaults",
+                              dict({{"whenToLaunch", dict({{"allowTrending", integer(1)},
+                                                           {"allowPowerOnWake", integer(0)}})}})}}));
   EXPECT_EQ(c.getStateFor("allowTrending"), 1);
   EXPECT_EQ(c.getStateFor("allowPowerOnWake"), 0);
 }
@@ -272,21 +247,15 @@ TEST_F(KeloConfiguratorTest, HavenValuesGoToTheirDomainsOneSynchronisationPerKey
   KeloConfigurator c;
   c.updateHavenConfiguration(Value());
   c.loadConfigurations(dict({{"commonDefaults", dict({{"maxFetchApps", integer(1)}})}}));
-  EXPECT_FALSE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.haven")));
-  EXPECT_FALSE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.tessd")));
-
   c.updateHavenConfiguration(dict({{"HVBackgroundFetchWatchdogExtension", integer(30)}}));
   EXPECT_EQ(files_->renamesInto("com.vorn.haven.json"), 1);
-  EXPECT_EQ(files_->renamesInto("com.vorn.tessd.json"), 0);
   EXPECT_EQ(test::readDomainFile(sandbox_, "com.vorn.haven"),
             dict({{"HVBackgroundFetchWatchdogExtension", integer(30)}}));
   EXPECT_FALSE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.tessd")));
 
   c.loadConfigurations(dict(
-      {{"haven", dict({
-                     {"TSBackgroundContentFetchingProcessAssertionDuration", Value::real(12.7)},
-                     {"TSBackgroundDownloadProcessAssertionDuration", integer(180)},
-                 })}}));
+      {{"haven", dict({{"TSBackgroundContentFetchingProcessAssertionDuration", Value::real(12.7)},
+                       {"TSBackgroundDownloadProcessAssertionDuration", integer(180)}})}}));
   EXPECT_EQ(files_->renamesInto("com.vorn.tessd.json"), 2);
   EXPECT_EQ(c.getStateFor("TSBackgroundContentFetchingProcessAssertionDuration"), 12);
   const Value tessd = test::readDomainFile(sandbox_, "com.vorn.tessd");
@@ -294,11 +263,8 @@ TEST_F(KeloConfiguratorTest, HavenValuesGoToTheirDomainsOneSynchronisationPerKey
   ASSERT_NE(written, nullptr);
   EXPECT_EQ(written->type(), Value::Type::kInteger);
   EXPECT_EQ(written->integerValue(), 12);
-  EXPECT_EQ(tessd.find("TSBackgroundDownloadProcessAssertionDuration")->integerValue(), 180);
-  EXPECT_EQ(test::readDomainFile(sandbox_, "com.vorn.haven")
-                .find("HVBackgroundFetchWatchdogExtension")
-                ->integerValue(),
-            30);
+  EXPECT_EQ(havenValue("com.vorn.tessd", "TSBackgroundDownloadProcessAssertionDuration"), 180);
+  EXPECT_EQ(havenValue("com.vorn.haven", "HVBackgroundFetchWatchdogExtension"), 30);
 }
 
 TEST_F(KeloConfiguratorTest, HavenValueOfTheOverrideIsWrittenLast) {
@@ -310,10 +276,7 @@ TEST_F(KeloConfiguratorTest, HavenValueOfTheOverrideIsWrittenLast) {
   EXPECT_EQ(c.getStateFor("HVBackgroundFetchWatchdogExtension"), 20);
   EXPECT_EQ(files_->renamesInto("com.vorn.haven.json"), 2);
   EXPECT_EQ(files_->renamesInto("com.vorn.tessd.json"), 0);
-  EXPECT_EQ(test::readDomainFile(sandbox_, "com.vorn.haven")
-                .find("HVBackgroundFetchWatchdogExtension")
-                ->integerValue(),
-            20);
+  EXPECT_EQ(havenValue("com.vorn.haven", "HVBackgroundFetchWatchdogExtension"), 20);
   // The domains keep what was written when later sources lack the key.
   writeOverride("{}");
   test::writeBundle(sandbox_, kSystemBundle, R"({"commonDefaults": {}})");
@@ -333,11 +296,11 @@ TEST_F(KeloConfiguratorTest, CKeysThatAreNotUtf8ReadZeroWithoutALine) {
   EXPECT_EQ(getStateForC("maxFetchApps"), 3);
   EXPECT_TRUE(Sandbox::exists(test::domainFile(sandbox_, "com.vorn.haven")));
   EXPECT_EQ(getStateForC("max\xC3\xA9"), -1);
-  EXPECT_EQ(getStateForC("max\xE9"), 0);
-  EXPECT_EQ(getStateForC("\xED\xA0\x80maxFetchApps"), 0);
-  EXPECT_EQ(getStateForC("maxFetchApps\xC0\x80"), 0);
-  EXPECT_EQ(getStateForC(nullptr), 0);
-  EXPECT_EQ(missingLines(), std::vector<std::string>{"max\xC3\xA9"});
+  for (const char* bad : {"max\xE9", "\xED\xA0\x80maxFetchApps", "maxFetchApps\xC0\x80",
+                          static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(getStateForC(bad), 0);
+  }
+  EXPECT_EQ(missingLines(), Lines{"max\xC3\xA9"});
 }
 
 TEST_F(KeloConfiguratorTest, MalformedSourcesGiveTheNeutralOutcomeAndThePortsLine) {
