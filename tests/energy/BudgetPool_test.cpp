@@ -4,14 +4,12 @@
 
 #include <algorithm>
 #include <climits>
-#include <memory>
 #include <numeric>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "tests/energy/EnergyTestUtil.h"
-#include "tests/support/Sandbox.h"
+#include "tests/support/LogCapture.h"
 
 namespace kelo {
 namespace {
@@ -20,11 +18,9 @@ struct Charge {
   std::string key;
   int64_t cost;
 };
-
 struct Record {
   std::string key;
-  int64_t value;
-  int64_t diff;
+  int64_t value, diff;
 };
 
 void charge(BudgetPool& pool, const std::vector<Charge>& charges) {
@@ -33,9 +29,8 @@ void charge(BudgetPool& pool, const std::vector<Charge>& charges) {
 
 void expectRecords(BudgetPool& pool, const std::vector<Record>& records) {
   for (const Record& r : records) {
-    SCOPED_TRACE(r.key);
-    EXPECT_EQ(pool.findPoolResource(r.key)->currentItemPoolValue(), r.value);
-    EXPECT_EQ(pool.findPoolResource(r.key)->currentItemPoolDiff(), r.diff);
+    EXPECT_EQ(pool.findPoolResource(r.key)->currentItemPoolValue(), r.value) << r.key;
+    EXPECT_EQ(pool.findPoolResource(r.key)->currentItemPoolDiff(), r.diff) << r.key;
   }
 }
 
@@ -45,44 +40,44 @@ class BudgetPoolTest : public ::testing::Test {
   test::Sandbox sandbox_;
 };
 
-TEST_F(BudgetPoolTest, NewPoolIsEmptyWithItsLimits) {
-  BudgetPool pool(500, 100, BudgetPool::kCumulative);
-  EXPECT_EQ(pool.currentGlobalPool(), 0);
-  EXPECT_EQ(pool.itemCount(), 0u);
-  EXPECT_EQ(pool.totalBudget(), 0);
-  EXPECT_EQ(pool.totalDiffBudget(), 0);
-  EXPECT_EQ(pool.globalPoolLimit(), 500);
-  EXPECT_EQ(pool.itemPoolLimit(), 100);
-  EXPECT_EQ(pool.budgetMode(), 1);
-}
-
-TEST_F(BudgetPoolTest, CumulativeChargesBecomeDiffsOfTheLatestCharge) {
+TEST_F(BudgetPoolTest, ChargesByMode) {
   struct Case {
     const char* name;
+    int32_t mode;
     std::vector<Charge> charges;
     std::vector<Record> records;
-    int64_t global;
+    int64_t global, diffs;
   };
-  const std::vector<Case> cases = {
-      {"growth", {{"A", 30}, {"A", 50}}, {{"A", 50, 20}}, 50},
-      {"fall", {{"A", 30}, {"A", 50}, {"A", 40}}, {{"A", 40, -10}}, 40},
-      {"two items", {{"A", 30}, {"B", 10}, {"A", 50}}, {{"A", 50, 20}, {"B", 10, 10}}, 60},
-      {"zero cost", {{"A", 30}, {"A", 0}}, {{"A", 0, -30}}, 0},
+  const Case cases[] = {
+      {"empty", BudgetPool::kCumulative, {}, {}, 0, 0},
+      {"growth", BudgetPool::kCumulative, {{"A", 30}, {"A", 50}}, {{"A", 50, 20}}, 50, 20},
+      {"fall", BudgetPool::kCumulative, {{"A", 30}, {"A", 50}, {"A", 40}}, {{"A", 40, -10}}, 40,
+       -10},
+      {"two items", BudgetPool::kCumulative, {{"A", 30}, {"B", 10}, {"A", 50}},
+       {{"A", 50, 20}, {"B", 10, 10}}, 60, 30},
+      {"zero cost", BudgetPool::kCumulative, {{"A", 30}, {"A", 0}}, {{"A", 0, -30}}, 0, -30},
+      {"additive", BudgetPool::kAdditive, {{"A", 30}, {"A", 30}, {"B", -5}},
+       {{"A", 60, 0}, {"B", -5, 0}}, 55, 0},
+      {"mode 2 only creates the record", 2, {{"u", 40}}, {{"u", 0, 0}}, 0, 0},
+      {"mode -1", -1, {{"u", 40}}, {{"u", 0, 0}}, 0, 0},
+      {"mode max", INT32_MAX, {{"u", 40}}, {{"u", 0, 0}}, 0, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    BudgetPool pool(500, 100, BudgetPool::kCumulative);
+    BudgetPool pool(500, 100, c.mode);
+    EXPECT_EQ(pool.budgetMode(), c.mode);
     charge(pool, c.charges);
     expectRecords(pool, c.records);
+    EXPECT_EQ(pool.itemCount(), c.records.size());
     EXPECT_EQ(pool.currentGlobalPool(), c.global);
     EXPECT_EQ(pool.totalBudget(), c.global);
+    EXPECT_EQ(pool.totalDiffBudget(), c.diffs);
   }
 }
 
 TEST_F(BudgetPoolTest, ResetsClearOnlyTheirOwnField) {
   BudgetPool pool(500, 100, BudgetPool::kCumulative);
   charge(pool, {{"A", 30}, {"B", 20}, {"A", 50}});
-
   pool.resetAllDiff();
   expectRecords(pool, {{"A", 50, 0}, {"B", 20, 0}});
   EXPECT_EQ(pool.currentGlobalPool(), 70);
@@ -100,8 +95,7 @@ TEST_F(BudgetPoolTest, ResetsClearOnlyTheirOwnField) {
   EXPECT_EQ(pool.itemCount(), 2u);
 }
 
-// Enough items to grow the pool's index many times, found again in the order of creation, in
-// reverse and shuffled.
+// Enough items to grow the index many times, found again in reverse and shuffled order.
 TEST_F(BudgetPoolTest, ManyItemsKeepTheirOwnRecordsInAnyOrder) {
   constexpr int kItems = 5000;
   BudgetPool pool(0, 0, BudgetPool::kCumulative);
@@ -126,26 +120,6 @@ TEST_F(BudgetPoolTest, ManyItemsKeepTheirOwnRecordsInAnyOrder) {
   EXPECT_EQ(pool.currentGlobalPool(), pool.totalBudget());
 }
 
-TEST_F(BudgetPoolTest, AdditiveChargesSumAndLeaveDiffsAlone) {
-  BudgetPool pool(500, 100, BudgetPool::kAdditive);
-  charge(pool, {{"A", 30}, {"A", 30}, {"B", -5}});
-  expectRecords(pool, {{"A", 60, 0}, {"B", -5, 0}});
-  EXPECT_EQ(pool.currentGlobalPool(), 55);
-  EXPECT_EQ(pool.totalBudget(), 55);
-  EXPECT_EQ(pool.totalDiffBudget(), 0);
-}
-
-TEST_F(BudgetPoolTest, OtherModesOnlyCreateTheRecord) {
-  for (int32_t mode : {2, -1, INT32_MAX}) {
-    SCOPED_TRACE(mode);
-    BudgetPool pool(500, 100, mode);
-    pool.UpdateBudget("unknown", 40);
-    EXPECT_EQ(pool.itemCount(), 1u);
-    expectRecords(pool, {{"unknown", 0, 0}});
-    EXPECT_EQ(pool.currentGlobalPool(), 0);
-  }
-}
-
 TEST_F(BudgetPoolTest, ArithmeticWrapsAtTheLimitsOf64Bits) {
   BudgetPool cumulative(0, 0, BudgetPool::kCumulative);
   charge(cumulative, {{"A", INT64_MAX}, {"A", INT64_MIN}});
@@ -153,7 +127,7 @@ TEST_F(BudgetPoolTest, ArithmeticWrapsAtTheLimitsOf64Bits) {
   EXPECT_EQ(cumulative.currentGlobalPool(), INT64_MIN);
   charge(cumulative, {{"B", INT64_MAX}});
   EXPECT_EQ(cumulative.totalBudget(), -1);
-  EXPECT_EQ(cumulative.totalBudget(), cumulative.currentGlobalPool());
+  EXPECT_EQ(cumulative.currentGlobalPool(), -1);
 
   BudgetPool additive(0, 0, BudgetPool::kAdditive);
   charge(additive, {{"A", INT64_MAX}, {"A", INT64_MAX}});
@@ -164,13 +138,11 @@ TEST_F(BudgetPoolTest, ArithmeticWrapsAtTheLimitsOf64Bits) {
 TEST_F(BudgetPoolTest, LimitTestsAreStrictAndNotComplements) {
   struct Case {
     const char* name;
-    int64_t globalLimit;
-    int64_t itemLimit;
+    int64_t globalLimit, itemLimit;
     std::vector<Charge> charges;
-    bool available;  // for "A"
-    bool reached;
+    bool available, reached;  // available: for "A"
   };
-  const std::vector<Case> cases = {
+  const Case cases[] = {
       {"below both", 100, 50, {{"A", 49}}, true, false},
       {"item at its limit", 100, 50, {{"A", 50}}, false, false},
       {"global at its limit", 100, 500, {{"A", 60}, {"B", 40}}, false, false},
@@ -198,21 +170,15 @@ TEST_F(BudgetPoolTest, AvailabilityQueryLogsAndAddsAZeroedRecord) {
   charge(pool, {{"A", 30}, {"B", 20}});
   EXPECT_TRUE(pool.hasBudgetAvailable("A"));
   EXPECT_TRUE(pool.hasBudgetAvailable("unknown"));
-  EXPECT_EQ(
-      log.texts({"hasBudgetAvailable"}),
-      (std::vector<std::string>{"hasBudgetAvailable G: 50 L:30", "hasBudgetAvailable G: 50 L:0"}));
-
+  EXPECT_EQ(log.texts({"hasBudgetAvailable"}),
+            (std::vector<std::string>{"hasBudgetAvailable G: 50 L:30",
+                                      "hasBudgetAvailable G: 50 L:0"}));
   test::VslCapture dump;
   pool.logAll(dump.client(), dump.msg(), 6);
   EXPECT_EQ(dump.texts(), (std::vector<std::string>{
-                              "budgetMode 1",
-                              "itemPoolLimit 100",
-                              "globalPoolLimit 500",
-                              "currentGlobalPool 50",
-                              "AppID: A Diff 30 Value 30",
-                              "AppID: B Diff 20 Value 20",
-                              "AppID: unknown Diff 0 Value 0",
-                          }));
+                              "budgetMode 1", "itemPoolLimit 100", "globalPoolLimit 500",
+                              "currentGlobalPool 50", "AppID: A Diff 30 Value 30",
+                              "AppID: B Diff 20 Value 20", "AppID: unknown Diff 0 Value 0"}));
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
-#include <memory>
 #include <numeric>
 #include <optional>
 #include <string>
@@ -16,25 +14,24 @@
 #include "kelo/energy.h"
 #include "platform/Json.h"
 #include "platform/PowerMonitor.h"
-#include "tests/energy/EnergyTestUtil.h"
 #include "tests/support/Sandbox.h"
 
 namespace kelo::platform {
 namespace {
+
+using test::Sandbox;
 
 class PowerMonitorFilesTest : public ::testing::Test {
  protected:
   void SetUp() override { sandbox_.install(); }
   std::string eventsPath() const { return sandbox_.rootPath() + "/run/kelo/energy-events.jsonl"; }
   std::string reportPath() const { return sandbox_.rootPath() + "/run/kelo/energy-report.json"; }
-  std::vector<Value> journal(const std::string& path) const {
+  static std::vector<Value> journal(const std::string& path) {
     std::vector<Value> events;
-    for (const std::string& line : test::Sandbox::readLines(path)) {
-      events.push_back(parseJson(line));
-    }
+    for (const std::string& line : Sandbox::readLines(path)) events.push_back(parseJson(line));
     return events;
   }
-  test::Sandbox sandbox_;
+  Sandbox sandbox_;
 };
 
 TEST_F(PowerMonitorFilesTest, EventsAreJsonLinesUnderTheDeviceRoot) {
@@ -47,7 +44,6 @@ TEST_F(PowerMonitorFilesTest, EventsAreJsonLinesUnderTheDeviceRoot) {
   struct stat st;
   ASSERT_EQ(::stat((sandbox_.rootPath() + "/run/kelo").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0755u);
-
   const std::vector<Value> events = journal(eventsPath());
   ASSERT_EQ(events.size(), 4u);
   for (const Value& e : events) {
@@ -61,7 +57,7 @@ TEST_F(PowerMonitorFilesTest, EventsAreJsonLinesUnderTheDeviceRoot) {
   EXPECT_EQ(events[0].find("bundleID")->asString(), "com.example.\"quoted\"");
   EXPECT_EQ(events[0].find("updateType")->integerValue(), 4);
   // Beyond the signed range the reader sees a real; the text keeps every digit.
-  EXPECT_NE(test::Sandbox::readLines(eventsPath())[0].find("\"seqNum\":18446744073709551615}"),
+  EXPECT_NE(Sandbox::readLines(eventsPath())[0].find("\"seqNum\":18446744073709551615}"),
             std::string::npos);
   EXPECT_EQ(events[1].find("event")->asString(), "stop");
   EXPECT_EQ(events[1].find("bundleID")->asString(), "");
@@ -72,8 +68,7 @@ TEST_F(PowerMonitorFilesTest, EventsAreJsonLinesUnderTheDeviceRoot) {
 }
 
 TEST_F(PowerMonitorFilesTest, JournalRotatesPastItsLimitWithoutLosingEvents) {
-  // Two writers of 100 lines of about 130 bytes each: one rotation, so the two files together
-  // hold every event.
+  // Two writers of 100 lines of about 130 bytes each: one rotation.
   constexpr std::size_t kLimit = 16384;
   FilePowerMonitor monitor(eventsPath(), reportPath(), kLimit);
   std::vector<std::thread> threads;
@@ -84,19 +79,16 @@ TEST_F(PowerMonitorFilesTest, JournalRotatesPastItsLimitWithoutLosingEvents) {
   }
   for (std::thread& thread : threads) thread.join();
 
-  for (const std::string& path : {eventsPath(), eventsPath() + ".1"}) {
+  std::map<std::string, std::vector<int64_t>> seqs;
+  for (const std::string& path : {eventsPath() + ".1", eventsPath()}) {
     struct stat st;
     ASSERT_EQ(::stat(path.c_str(), &st), 0) << path;
     EXPECT_LE(static_cast<std::size_t>(st.st_size), kLimit) << path;
     EXPECT_GT(st.st_size, 0) << path;
-  }
-  std::vector<Value> all = journal(eventsPath() + ".1");
-  const std::vector<Value> current = journal(eventsPath());
-  all.insert(all.end(), current.begin(), current.end());
-  std::map<std::string, std::vector<int64_t>> seqs;
-  for (const Value& e : all) {
-    ASSERT_TRUE(e.isDictionary());
-    seqs[e.find("bundleID")->asString()].push_back(e.find("seqNum")->integerValue());
+    for (const Value& e : journal(path)) {
+      ASSERT_TRUE(e.isDictionary());
+      seqs[e.find("bundleID")->asString()].push_back(e.find("seqNum")->integerValue());
+    }
   }
   std::vector<int64_t> expected(100);
   std::iota(expected.begin(), expected.end(), 0);
@@ -105,79 +97,67 @@ TEST_F(PowerMonitorFilesTest, JournalRotatesPastItsLimitWithoutLosingEvents) {
 }
 
 TEST_F(PowerMonitorFilesTest, UnwritableJournalDropsEventsWithOneLine) {
-  test::Sandbox::writeFile(sandbox_.rootPath() + "/run/kelo", "a file where a folder belongs");
+  Sandbox::writeFile(sandbox_.rootPath() + "/run/kelo", "a file where a folder belongs");
   AXBatteryLifeMonitorLogKeloEvent("com.a", 1, 1, 1);
   AXBatteryLifeMonitorLogKeloEvent("com.a", 1, 1, 2);
-  int warnings = 0;
-  for (const test::SystemLine& line : sandbox_.systemLines()) {
-    if (line.text.find("energy event journal") != std::string::npos) ++warnings;
-  }
-  EXPECT_EQ(warnings, 1);
+  const auto lines = sandbox_.systemLines();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const test::SystemLine& l) {
+                            return l.text.find("energy event journal") != std::string::npos;
+                          }),
+            1);
 }
 
-TEST_F(PowerMonitorFilesTest, MissingPartialOrMalformedFilesAreNoReport) {
+TEST_F(PowerMonitorFilesTest, ReportsThatAreMissingTornOrOfTheWrongShape) {
   EXPECT_EQ(AXBatteryLifeMonitorReportEnergyKelo(nullptr), std::nullopt);
   for (const char* content : {"", "{\"BLMBatteryCapacity\": 32", "[1, 2]", "\"report\"",
                               "{\"BLMEnergyForKelo\": [{\"bundleID\": \"a\"}]} trailing"}) {
-    SCOPED_TRACE(content);
-    test::Sandbox::writeFile(reportPath(), content);
-    EXPECT_EQ(AXBatteryLifeMonitorReportEnergyKelo(nullptr), std::nullopt);
+    Sandbox::writeFile(reportPath(), content);
+    EXPECT_EQ(AXBatteryLifeMonitorReportEnergyKelo(nullptr), std::nullopt) << content;
   }
-}
-
-TEST_F(PowerMonitorFilesTest, FieldsOfTheWrongTypeReadAsAbsent) {
+  // Fields of the wrong type read as absent.
   const std::optional<Value> report = FilePowerMonitor::reportFromJson(parseJson(R"({
-    "BLMBatteryCapacity": "full",
-    "BLMEnergyReferenceDate": "yesterday",
-    "BLMEnergyForKelo": [
-      {"bundleID": 7, "updateType": "1", "energy_mWh": "30"},
-      {"bundleID": "com.a", "updateType": 2.0, "energy_mWh": true},
-      5
-    ]})"));
+    "BLMBatteryCapacity": "full", "BLMEnergyReferenceDate": "yesterday",
+    "BLMEnergyForKelo": [{"bundleID": 7, "updateType": "1", "energy_mWh": "30"},
+                         {"bundleID": "com.a", "updateType": 2.0, "energy_mWh": true}, 5]})"));
   ASSERT_TRUE(report.has_value());
   EXPECT_EQ(report->find("BLMBatteryCapacity"), nullptr);
   EXPECT_EQ(report->find("BLMEnergyReferenceDate"), nullptr);
-  const Value::Array& entries = report->find("BLMEnergyForKelo")->asArray();
-  ASSERT_EQ(entries.size(), 3u);
-  EXPECT_EQ(entries[0], Value::dictionary({}));
-  EXPECT_EQ(entries[1], Value::dictionary({{"bundleID", Value::string("com.a")},
-                                           {"updateType", Value::real(2.0)}}));
-  EXPECT_EQ(entries[2], Value::dictionary({}));
-
-  const std::optional<Value> noEntries =
-      FilePowerMonitor::reportFromJson(parseJson(R"({"BLMEnergyForKelo": {"a": 1}})"));
-  ASSERT_TRUE(noEntries.has_value());
-  EXPECT_EQ(*noEntries, Value::dictionary({}));
+  EXPECT_EQ(report->find("BLMEnergyForKelo")->asArray(),
+            (Value::Array{Value::dictionary({}),
+                          Value::dictionary({{"bundleID", Value::string("com.a")},
+                                             {"updateType", Value::real(2.0)}}),
+                          Value::dictionary({})}));
+  EXPECT_EQ(FilePowerMonitor::reportFromJson(parseJson(R"({"BLMEnergyForKelo": {"a": 1}})")),
+            Value::dictionary({}));
 }
 
 // The service on the default backend: a torn report file counts as no report, so the next good
 // one is charged in full.
-TEST(PowerMonitorFilesServiceTest, ServiceReadsTheReportFile) {
-  test::Sandbox sandbox;
-  sandbox.install();
-  test::writeEnergyConfiguration(sandbox, 500, 100);
-  const std::string path = sandbox.rootPath() + "/run/kelo/energy-report.json";
+TEST_F(PowerMonitorFilesTest, ServiceReadsTheReportFile) {
+  Sandbox::writeFile(sandbox_.rootPath() + "/System/Library/Kelo/KeloConfiguration.bundle/Info.json",
+                     R"({"commonDefaults": {"globalPowerBudget": 500}})");
   auto report = [](int energy) {
     return R"({"BLMBatteryCapacity": 3000, "BLMEnergyReferenceDate": 1763700000,
                "BLMEnergyForKelo": [{"bundleID": "com.a", "updateType": 5, "energy_mWh": )" +
            std::to_string(energy) + "}]}";
   };
-  test::Sandbox::writeFile(path, report(10));
+  Sandbox::writeFile(reportPath(), report(10));
   AmpvexStub* stub = AmpvexStub::instance();
   EXPECT_EQ(stub->getBatteryCapacity(), 3000.0);
   EXPECT_EQ(stub->startAmpvexLiteDate(), 1763700000.0);
 
-  test::Sandbox::writeFile(path, report(14));
+  Sandbox::writeFile(reportPath(), report(14));
   energyConsumedRefresh();
   EXPECT_EQ(energyConsumedForNonDiscDownload(), 4);
   EXPECT_EQ(energyConsumedForNonDiscDownload(), 0);
 
-  test::Sandbox::writeFile(path, report(20).substr(0, 40));
+  Sandbox::writeFile(reportPath(), report(20).substr(0, 40));
   stub->energyConsumedRefresh();
   EXPECT_EQ(stub->getBatteryCapacity(), 0.0);
   EXPECT_EQ(stub->startAmpvexLiteDate(), std::nullopt);
 
-  test::Sandbox::writeFile(path, report(20));
+  Sandbox::writeFile(reportPath(), report(20));
   energyConsumedRefresh();
   EXPECT_EQ(energyConsumedForNonDiscDownload(), 20);
 
@@ -185,10 +165,7 @@ TEST(PowerMonitorFilesServiceTest, ServiceReadsTheReportFile) {
   stub->energyPoweronReset();  // on this thread: may overtake the start, which is still queued
   stub->getBatteryCapacity();
   std::vector<std::string> kinds;
-  for (const std::string& line :
-       test::Sandbox::readLines(sandbox.rootPath() + "/run/kelo/energy-events.jsonl")) {
-    kinds.push_back(parseJson(line).find("event")->asString());
-  }
+  for (const Value& e : journal(eventsPath())) kinds.push_back(e.find("event")->asString());
   std::sort(kinds.begin(), kinds.end());
   EXPECT_EQ(kinds, (std::vector<std::string>{"start", "stopAll"}));
 }
