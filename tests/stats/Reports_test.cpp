@@ -37,7 +37,7 @@ TEST_F(ReportsTest, ReportsBeforeTheFirstCycleAreLost) {
   EXPECT_EQ(stats().snapshot().BGReportToken, token);
   reportCumuBackgroundDownload(100, 5);
   ASSERT_TRUE(waitForDownloads(1));
-  const AppLaunchStatsCumu::Snapshot s = stats().snapshot();
+  const Snapshot s = stats().snapshot();
   EXPECT_EQ(s.avgDownloadsize, 100);
   EXPECT_EQ(s.avgPWConsumed, 5);
   EXPECT_EQ(s.hasStats, AppLaunchStatsCumu::kFlagBackgroundDownload);
@@ -62,44 +62,39 @@ TEST_F(ReportsTest, EachTypeReachesItsSumsAndOthersAreOnlyLogged) {
   reportCumu(3, 4, 5);
   ASSERT_TRUE(eventually([&] { return logCount("notification rcv on type 3, data 4, pw 5"); }));
 
-  const AppLaunchStatsCumu::Snapshot s = stats().snapshot();
+  const Snapshot s = stats().snapshot();
   EXPECT_EQ(s.avgDownloadsize, 0xFFFFFFFFFFF);
   EXPECT_EQ(s.avgPWConsumed, 0xFFFF);
   EXPECT_EQ(s.totalBGDownloads, 1);
   EXPECT_EQ(s.totalNonDiscDownload, 300);
   EXPECT_EQ(s.totalNonDiscEnergy, 7);
-  EXPECT_EQ(logTexts(), (std::vector<std::string>{
-                            "notification rcv on type 1, data 17592186044415, pw 65535",
-                            "notification rcv on type 2, data 300, pw 7",
-                            "notification rcv on type 3, data 4, pw 5",
-                        }));
+  EXPECT_EQ(logTexts(), (Lines{"notification rcv on type 1, data 17592186044415, pw 65535",
+                               "notification rcv on type 2, data 300, pw 7",
+                               "notification rcv on type 3, data 4, pw 5"}));
 }
 
 // Run only as the child of the next test: reports one download from a separate process.
 TEST(ReportsChild, DISABLED_SendsOneReport) {
   const char* root = std::getenv("KELO_TEST_REPORT_ROOT");
   ASSERT_NE(root, nullptr);
-  platform::Overrides o;
-  o.deviceRoot = root;
-  o.homeDirectory = root;
-  platform::installOverrides(o);
+  platform::installOverrides({.homeDirectory = root, .deviceRoot = root});
   reportCumuBackgroundDownload(4242, 17);
 }
 
 TEST_F(ReportsTest, AReportFromAnotherProcessArrives) {
   startCycle();
-  std::string exe = "/proc/self/exe";
-  std::string filter = "--gtest_filter=ReportsChild.DISABLED_SendsOneReport";
-  std::string disabled = "--gtest_also_run_disabled_tests";
-  char* argv[] = {exe.data(), filter.data(), disabled.data(), nullptr};
-  std::vector<std::string> env;
+  std::vector<std::string> args = {"/proc/self/exe",
+                                   "--gtest_filter=ReportsChild.DISABLED_SendsOneReport",
+                                   "--gtest_also_run_disabled_tests"};
+  std::vector<std::string> env = {"KELO_TEST_REPORT_ROOT=" + sandbox_.rootPath()};
   for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
-  env.push_back("KELO_TEST_REPORT_ROOT=" + sandbox_.rootPath());
-  std::vector<char*> envp;
+  std::vector<char*> argv, envp;
+  for (std::string& a : args) argv.push_back(a.data());
   for (std::string& e : env) envp.push_back(e.data());
+  argv.push_back(nullptr);
   envp.push_back(nullptr);
   pid_t pid = 0;
-  ASSERT_EQ(::posix_spawn(&pid, exe.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+  ASSERT_EQ(::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), envp.data()), 0);
   int status = 0;
   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);

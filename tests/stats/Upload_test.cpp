@@ -6,15 +6,14 @@
 namespace kelo::test {
 namespace {
 
-using Snapshot = AppLaunchStatsCumu::Snapshot;
+using Op = InMemoryMetrics::Op;
 
 void appendZones(std::vector<InMemoryMetrics::Entry>& out, const std::string& prefix,
                  const std::vector<int64_t>& counts) {
   static const char* const kNames[] = {"Neg2HR", "Neg1HR", "Neg30M", "Neg15M", "Pos15M",
                                        "Pos30M", "Pos1HR", "Pos2HR", "None"};
   for (int zone = 0; zone < 9; ++zone) {
-    out.push_back(
-        {InMemoryMetrics::Op::kSet, "com.vorn.Kelo." + prefix + kNames[zone], counts[zone]});
+    out.push_back({Op::kSet, "com.vorn.Kelo." + prefix + kNames[zone], counts[zone]});
   }
 }
 
@@ -34,12 +33,10 @@ TEST_F(StatsTest, UploadWritesEveryKeyWithItsOperationAndResets) {
   for (int i = 0; i < 3; ++i) s.pushDeniedBecause(true, true, false, false, false);
   s.pushDenied();
   s.fetchCountUpdate(4);
-  s.fetchFailedUpdate();
-  s.fetchFailedUpdate();
+  for (int i = 0; i < 2; ++i) s.fetchFailedUpdate();
   s.fetchPWCount(10);
   for (int data : {-3, -3, -4}) s.fetchDataCount(data);
-  s.fetchTimeUpdate(7);
-  s.fetchTimeUpdate(8);
+  for (int t : {7, 8}) s.fetchTimeUpdate(t);
   s.backgroundSucceeds(100, 5);
   s.backgroundSucceeds(51, 2);
   s.nonDiscretionaryAdd(1000, 20);
@@ -52,9 +49,7 @@ TEST_F(StatsTest, UploadWritesEveryKeyWithItsOperationAndResets) {
   s.populatePrewarmZones([](const std::string&) { return true; });
   s.newCycleWithApps({Value::string("next")});
   const Snapshot after = s.snapshot();
-
-  using Op = InMemoryMetrics::Op;
-  std::vector<InMemoryMetrics::Entry> expected = {
+  std::vector<Entry> expected = {
       {Op::kSet, "com.vorn.Kelo.totalNonDISCData", 1000},
       {Op::kSet, "com.vorn.Kelo.totalNonDISCEnergy", 20},
       {Op::kSet, "com.vorn.Kelo.fetch.any.triggered", 3},
@@ -108,9 +103,7 @@ TEST_F(StatsTest, UploadSkipsGroupsWithoutTheirFlag) {
   s.fetchCountUpdate(0);
   s.fetchFailedUpdate();
   s.fetchPWCount(9);
-  s.fetchDataCount(10);
-  s.fetchDataCount(0);
-  s.fetchDataCount(0);
+  for (int data : {10, 0, 0}) s.fetchDataCount(data);
   s.pushDeniedBecause(false, false, false, false, false);  // no push attempt: flag 32 clear
   s.fetchDeniedBecause(true, true, false, false, false);   // no fetch attempt: flag 1 clear
   s.newCycleWithApps({Value::string("b")});
@@ -144,7 +137,7 @@ TEST_F(StatsTest, NonDiscretionaryTotalsWaitForAnotherStatistic) {
   s.nonDiscretionaryAdd(300, 7);
   s.newCycleWithApps({});
   s.nonDiscretionaryAdd(200, 3);
-  s.newCycleWithApps({});
+  s.newCycleWithApps({});  // nothing else to upload: the totals wait
   EXPECT_EQ(s.snapshot().totalNonDiscDownload, 500);
   EXPECT_TRUE(metrics_->entries().empty());
 
@@ -152,8 +145,7 @@ TEST_F(StatsTest, NonDiscretionaryTotalsWaitForAnotherStatistic) {
   s.backgroundSucceeds(0, 0);
   s.newCycleWithApps({});
   EXPECT_EQ(s.snapshot().totalNonDiscDownload, 0);
-  using Op = InMemoryMetrics::Op;
-  EXPECT_EQ(metrics_->entries(), (std::vector<InMemoryMetrics::Entry>{
+  EXPECT_EQ(metrics_->entries(), (std::vector<Entry>{
                                      {Op::kSet, "com.vorn.Kelo.totalNonDISCData", 500},
                                      {Op::kSet, "com.vorn.Kelo.totalNonDISCEnergy", 10},
                                      {Op::kSet, "com.vorn.Kelo.avgBGDownloadSize", -3},

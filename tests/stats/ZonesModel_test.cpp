@@ -101,45 +101,38 @@ Counts evaluate(const std::map<std::string, App>& apps) {
   return out;
 }
 
-// A clock that hands out the times of a script, one per reading, and a fixed time once the
-// script is used up. Recording an event reads the clock exactly once in its task, so a whole
-// day can be posted without waiting for each event; any other reading would shift the script
-// and show as a mismatch.
-class ScriptedClock {
- public:
+// Hands out the times of a script, one per reading, then a fixed time. Recording an event reads
+// the clock exactly once in its task, so a day can be posted without waiting for each event; any
+// other reading would shift the script and show as a mismatch.
+struct ScriptedClock {
+  std::mutex mutex;
+  std::deque<double> script;
+  double fixed = 1763722560.0;
   double read() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (script_.empty()) return fixed_;
-    const double t = script_.front();
-    script_.pop_front();
+    std::lock_guard<std::mutex> lock(mutex);
+    if (script.empty()) return fixed;
+    const double t = script.front();
+    script.pop_front();
     return t;
   }
+  void push(double t) {
+    std::lock_guard<std::mutex> lock(mutex);
+    script.push_back(t);
+  }
   void setFixed(double t) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    fixed_ = t;
+    std::lock_guard<std::mutex> lock(mutex);
+    fixed = t;
   }
-  void append(double t) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    script_.push_back(t);
+  size_t left() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return script.size();
   }
-  std::size_t left() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return script_.size();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::deque<double> script_;
-  double fixed_ = 1763722560.0;
 };
 
 class ZonesModelTest : public StatsTest {
  protected:
   void SetUp() override {
-    platform::Overrides o;
-    o.metrics = metrics_;
-    o.clock = [clock = clock_] { return clock->read(); };
-    sandbox_.install(o);
+    sandbox_.install({.clock = [clock = clock_] { return clock->read(); }, .metrics = metrics_});
   }
 
   // A day of a few applications whose events cluster around a time of their own, so that
@@ -162,7 +155,7 @@ class ZonesModelTest : public StatsTest {
       const int minute = seconds < 0 ? 0 : static_cast<int>(seconds / 60);
       if (accepted) (launch ? a.launches : a.prewarms).insert(minute);
       a.prewarmArray = a.prewarmArray || !launch;
-      clock_->append(start + static_cast<double>(seconds));
+      clock_->push(start + static_cast<double>(seconds));
       if (launch) {
         stats().appFGLaunch(name);
       } else {
