@@ -1,6 +1,7 @@
 #include "tools/kelo-sim/Summary.h"
 
 #include <array>
+#include <cstdarg>
 #include <cstdio>
 #include <sstream>
 
@@ -19,9 +20,12 @@ double hitRate(const AppLaunchStatsCumu::Snapshot& s) {
   return total > 0 ? s.prewarmHits / total : 0.0;
 }
 
-std::string format(const char* fmt, auto... args) {
+__attribute__((format(printf, 1, 2))) std::string format(const char* fmt, ...) {
   char line[512];
-  std::snprintf(line, sizeof line, fmt, args...);
+  va_list args;
+  va_start(args, fmt);
+  std::vsnprintf(line, sizeof line, fmt, args);
+  va_end(args);
   return line;
 }
 

@@ -18,7 +18,7 @@ std::string metricName(const std::string& key) {
     const bool ok = std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == ':';
     out += ok ? c : '_';
   }
-  if (out.empty() || std::isdigit(static_cast<unsigned char>(out[0]))) out.insert(0, "_");
+  if (out.empty() || std::isdigit(static_cast<unsigned char>(out[0]))) out = "_" + out;
   return out;
 }
 
