@@ -19,7 +19,11 @@ namespace fs = std::filesystem;
 
 class PreferencesTest : public ::testing::Test {
  protected:
-  void SetUp() override { sandbox_.install({.fileSystem = files_}); }
+  void SetUp() override {
+    Overrides o;
+    o.fileSystem = files_;
+    sandbox_.install(o);
+  }
   std::string file(const std::string& domain) const { return test::domainFile(sandbox_, domain); }
   Value onDisk(const std::string& domain) const { return test::readDomainFile(sandbox_, domain); }
   std::shared_ptr<test::FaultyFileSystem> files_ = std::make_shared<test::FaultyFileSystem>();

@@ -34,7 +34,9 @@ const Readings kZero = {{"fetch", 0}, {"push", 0}, {"background", 0}, {"nondisc"
 class AmpvexStubTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    sandbox_.install({.powerMonitor = monitor_});
+    platform::Overrides o;
+    o.powerMonitor = monitor_;
+    sandbox_.install(o);
     test::Sandbox::writeFile(
         sandbox_.rootPath() + "/System/Library/Kelo/KeloConfiguration.bundle/Info.json",
         R"({"commonDefaults": {"globalPowerBudget": 500},
@@ -68,7 +70,9 @@ class AmpvexStubTest : public ::testing::Test {
 // afresh for each of the five pools.
 TEST(AmpvexStubWithoutConfigurationTest, EachPoolLooksBothLimitsUpAndMissesThem) {
   test::Sandbox sandbox;
-  sandbox.install({.powerMonitor = std::make_shared<Monitor>()});
+  platform::Overrides o;
+  o.powerMonitor = std::make_shared<Monitor>();
+  sandbox.install(o);
   test::DetailedLog log(sandbox);
   ASSERT_TRUE(log.switchOn());
   AmpvexStub* stub = AmpvexStub::instance();

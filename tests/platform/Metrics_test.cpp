@@ -32,9 +32,13 @@ std::optional<int64_t> stored(const std::string& key) {
   return std::nullopt;
 }
 
-TEST(Metrics, EightProcessesAddingConcurrentlyLoseNothing) {
+class Metrics : public ::testing::Test {
+ protected:
+  void SetUp() override { sandbox.install(); }
   test::Sandbox sandbox;
-  sandbox.install();
+};
+
+TEST_F(Metrics, EightProcessesAddingConcurrentlyLoseNothing) {
   std::vector<ChildProcess> workers;
   for (int i = 0; i < 8; ++i) {
     workers.emplace_back([] {
@@ -48,9 +52,7 @@ TEST(Metrics, EightProcessesAddingConcurrentlyLoseNothing) {
   EXPECT_TRUE(sandbox.systemLines().empty()) << "contention is waited out, not a failure";
 }
 
-TEST(Metrics, SetReplacesAddAccumulatesAndTheReaderSortsByKey) {
-  test::Sandbox sandbox;
-  sandbox.install();
+TEST_F(Metrics, SetReplacesAddAccumulatesAndTheReaderSortsByKey) {
   const mode_t umask = ::umask(0);
   CumuClientAddValueForScalarKey("b.total", 5);
   ::umask(umask);
@@ -72,9 +74,7 @@ TEST(Metrics, SetReplacesAddAccumulatesAndTheReaderSortsByKey) {
   EXPECT_EQ(st.st_mode & 0022, 0u) << "writable by others despite umask 0";
 }
 
-TEST(Metrics, ReadingSomethingThatIsNotAMetricsDatabaseSaysWhy) {
-  test::Sandbox sandbox;
-  sandbox.install();
+TEST_F(Metrics, ReadingSomethingThatIsNotAMetricsDatabaseSaysWhy) {
   const std::string missing = sandbox.homePath() + "/missing.db";
   const std::string text = sandbox.homePath() + "/text.db";
   const std::string other = sandbox.homePath() + "/other.db";
@@ -105,8 +105,7 @@ struct Pipe {
   int fds[2];
 };
 
-// A second process that takes the database with BEGIN EXCLUSIVE when started and commits when
-// told to.
+// A second process that holds the database with BEGIN EXCLUSIVE from lock() to release().
 class Locker {
  public:
   explicit Locker(const std::string& path) : child_([this, path] { return run(path); }) {}
@@ -129,9 +128,7 @@ class Locker {
   ChildProcess child_;
 };
 
-TEST(Metrics, AWriterWaitsForADatabaseLockedByAnotherProcess) {
-  test::Sandbox sandbox;
-  sandbox.install();
+TEST_F(Metrics, AWriterWaitsForADatabaseLockedByAnotherProcess) {
   Locker locker(metricsDatabasePath());
   CumuClientSetValueForScalarKey("seed", 1);
   ASSERT_TRUE(locker.lock());
@@ -145,9 +142,7 @@ TEST(Metrics, AWriterWaitsForADatabaseLockedByAnotherProcess) {
   EXPECT_TRUE(sandbox.systemLines().empty());
 }
 
-TEST(Metrics, ValuesWrittenWhileLockedPastTheTimeoutArriveInOrderAfterwards) {
-  test::Sandbox sandbox;
-  sandbox.install();
+TEST_F(Metrics, ValuesWrittenWhileLockedPastTheTimeoutArriveInOrderAfterwards) {
   setMetricsBusyTimeoutMs(20);
   Locker locker(metricsDatabasePath()), again(metricsDatabasePath());
   CumuClientSetValueForScalarKey("seed", 1);
@@ -174,9 +169,7 @@ TEST(Metrics, ValuesWrittenWhileLockedPastTheTimeoutArriveInOrderAfterwards) {
   EXPECT_EQ(sandbox.systemLines().size(), 2u) << "one line per failure episode";
 }
 
-TEST(Metrics, AChildForkedWhileValuesAreKeptLeavesThemToItsParent) {
-  test::Sandbox sandbox;
-  sandbox.install();
+TEST_F(Metrics, AChildForkedWhileValuesAreKeptLeavesThemToItsParent) {
   setMetricsBusyTimeoutMs(20);
   Locker locker(metricsDatabasePath());
   CumuClientSetValueForScalarKey("seed", 1);
@@ -194,12 +187,12 @@ TEST(Metrics, AChildForkedWhileValuesAreKeptLeavesThemToItsParent) {
   EXPECT_EQ(stored("seed"), 11);
 }
 
-TEST(Metrics, AnInstalledSinkReceivesEveryOperationInsteadOfTheDatabase) {
+TEST(MetricsSink, AnInstalledSinkReceivesEveryOperationInsteadOfTheDatabase) {
   test::Sandbox sandbox;
   auto sink = std::make_shared<test::InMemoryMetrics>();
-  Overrides overrides;
-  overrides.metrics = sink;
-  sandbox.install(std::move(overrides));
+  Overrides o;
+  o.metrics = sink;
+  sandbox.install(o);
   CumuClientAddValueForScalarKey("k", 2);
   CumuClientSetValueForScalarKey("k", 9);
   using Op = test::InMemoryMetrics::Op;

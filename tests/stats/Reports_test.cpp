@@ -77,7 +77,9 @@ TEST_F(ReportsTest, EachTypeReachesItsSumsAndOthersAreOnlyLogged) {
 TEST(ReportsChild, DISABLED_SendsOneReport) {
   const char* root = std::getenv("KELO_TEST_REPORT_ROOT");
   ASSERT_NE(root, nullptr);
-  platform::installOverrides({.homeDirectory = root, .deviceRoot = root});
+  platform::Overrides o;
+  o.deviceRoot = o.homeDirectory = root;
+  platform::installOverrides(o);
   reportCumuBackgroundDownload(4242, 17);
 }
 

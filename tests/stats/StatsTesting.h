@@ -25,7 +25,11 @@ class StatsTest : public ::testing::Test {
   using Snapshot = AppLaunchStatsCumu::Snapshot;
   using Lines = std::vector<std::string>;
 
-  void SetUp() override { sandbox_.install({.metrics = metrics_}); }
+  void SetUp() override {
+    platform::Overrides o;
+    o.metrics = metrics_;
+    sandbox_.install(o);
+  }
 
   AppLaunchStatsCumu& stats() { return *AppLaunchStatsCumu::sharedInstance(); }
   double inCycle(double seconds) { return stats().cycleStart() + seconds; }

@@ -132,7 +132,10 @@ struct ScriptedClock {
 class ZonesModelTest : public StatsTest {
  protected:
   void SetUp() override {
-    sandbox_.install({.clock = [clock = clock_] { return clock->read(); }, .metrics = metrics_});
+    platform::Overrides o;
+    o.clock = [clock = clock_] { return clock->read(); };
+    o.metrics = metrics_;
+    sandbox_.install(o);
   }
 
   // A day of a few applications whose events cluster around a time of their own, so that
