@@ -28,9 +28,8 @@ namespace {
 constexpr off_t kTruncateAt = off_t{4} << 20;
 constexpr size_t kLineLimit = 511;
 
-constexpr const char* kLevelNames[8] = {"<Emergency>: ", "<Alert>: ",  "<Critical>: ",
-                                        "<Error>: ",     "<Warning>: ", "<Notice>: ",
-                                        "<Info>: ",      "<Debug>: "};
+constexpr const char* kLevelNames[8] = {"<Emergency>: ", "<Alert>: ",  "<Critical>: ", "<Error>: ",
+                                        "<Warning>: ",   "<Notice>: ", "<Info>: ",     "<Debug>: "};
 
 // A log file we read behind its writer: `offset` is where the lines not yet checked begin.
 struct Watched {
@@ -44,8 +43,8 @@ struct Target {
   Watched own;   // the file of our own vsl client
   vsl_client_t client = nullptr;
   vsl_msg_t message = nullptr;
-  std::string stamp;   // the time stamp every line carries (the clock is fixed)
-  std::string ident;   // " kelofuzz[pid] "
+  std::string stamp;  // the time stamp every line carries (the clock is fixed)
+  std::string ident;  // " kelofuzz[pid] "
 };
 
 Target* gTarget = nullptr;
@@ -141,13 +140,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   if (!logger->canWriteToFile()) kelo::fuzz::fail("the detailed logger never switched on");
   // A line through the logger waits for the queue, so the switch-on has finished writing too.
   logger->logToFile("fuzzing starts");
-  t->live = openWatched(p.home + "/Library/Logs/KeloLoggingDetailed." + kelo::fuzz::kFuzzProcess,
-                        O_RDWR);
+  t->live =
+      openWatched(p.home + "/Library/Logs/KeloLoggingDetailed." + kelo::fuzz::kFuzzProcess, O_RDWR);
 
   t->own = openWatched(p.folder + "/own.log", O_RDWR | O_CREAT | O_APPEND);
   t->client = vsl_open(kelo::fuzz::kFuzzProcess, "fuzz", VSL_OPT_NO_DELAY);
   t->message = vsl_new(VSL_TYPE_MSG);
-  if (t->client == nullptr || t->message == nullptr || vsl_add_log_file(t->client, t->own.fd) != 0) {
+  if (t->client == nullptr || t->message == nullptr ||
+      vsl_add_log_file(t->client, t->own.fd) != 0) {
     kelo::fuzz::fail("the vsl client could not be set up");
   }
   gTarget = t;

@@ -26,8 +26,8 @@ constexpr const char* kBundle = "/System/Library/Kelo/KeloConfiguration.bundle";
 // Every name a loaded blacklist holds stays in the configurator's map for the life of the process
 // (and each reload copies the map), so the names are confined to these few: a name outside them
 // is replaced by one of them before the file is written.
-constexpr std::string_view kNames[] = {"com.vorn.Diagnostics", "com.vorn.SetupAssistant",
-                                       "com.example.app", "", "\xc3\xa9", "a"};
+constexpr std::string_view kNames[] = {
+    "com.vorn.Diagnostics", "com.vorn.SetupAssistant", "com.example.app", "", "\xc3\xa9", "a"};
 
 // The document with every unknown blacklist name mapped into kNames; nullopt when it has none.
 std::optional<kelo::Value> withKnownNames(const kelo::Value& document) {
@@ -36,8 +36,8 @@ std::optional<kelo::Value> withKnownNames(const kelo::Value& document) {
   bool changed = false;
   kelo::Value::Array mapped;
   for (const kelo::Value& entry : list->asArray()) {
-    if (!entry.isString() || std::find(std::begin(kNames), std::end(kNames),
-                                       entry.asString()) != std::end(kNames)) {
+    if (!entry.isString() ||
+        std::find(std::begin(kNames), std::end(kNames), entry.asString()) != std::end(kNames)) {
       mapped.push_back(entry);
       continue;
     }
@@ -100,8 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const kelo::Value& info = bundle->infoDictionary();
   if (!info.isDictionary()) kelo::fuzz::fail("an information dictionary that is not a dictionary");
   const kelo::Value parsed = kelo::platform::parseJson(text);
-  const kelo::Value expectedInfo =
-      parsed.isDictionary() ? parsed : kelo::Value::dictionary({});
+  const kelo::Value expectedInfo = parsed.isDictionary() ? parsed : kelo::Value::dictionary({});
   if (!(info == expectedInfo)) kelo::fuzz::fail("the bundle reads otherwise than its file parses");
 
   // The reload kept this bundle's whitelist as it stands, and no whitelist when it has none.

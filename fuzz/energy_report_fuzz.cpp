@@ -20,9 +20,9 @@ namespace {
 
 // Every bundle identifier becomes a record in a pool for the life of the process, so reports are
 // charged to these few only: an identifier outside them is replaced by one of them.
-constexpr std::string_view kApps[] = {"com.example.app",  "com.example.mail", "com.example.news",
-                                      "com.example.maps", "",                 "a",
-                                      "\xc3\xa9t\xc3\xa9", "com.example.app.widget"};
+constexpr std::string_view kApps[] = {
+    "com.example.app",   "com.example.mail",      "com.example.news", "com.example.maps", "", "a",
+    "\xc3\xa9t\xc3\xa9", "com.example.app.widget"};
 
 bool knownApp(const std::string& id) {
   for (std::string_view app : kApps) {

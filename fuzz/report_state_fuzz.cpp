@@ -58,7 +58,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   t->collector = kelo::AppLaunchStatsCumu::sharedInstance();
   // The first cycle starts listening for reports.
   t->collector->newCycleWithApps({});
-  if (t->collector->snapshot().BGReportToken == 0) kelo::fuzz::fail("the collector is not listening");
+  if (t->collector->snapshot().BGReportToken == 0) {
+    kelo::fuzz::fail("the collector is not listening");
+  }
 
   t->queue = std::make_unique<kelo::platform::SerialQueue>("com.vorn.Kelo.fuzz.listener");
   Listener* listener = &t->listener;
@@ -101,6 +103,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       kelo::fuzz::fail("a post was not delivered within 5 s");
     }
   }
+  // The handler adds the amounts through the collector's own operations, which post a further
+  // task: the first snapshot waits for the handler (if it was queued rather than run at once),
+  // the second for the task it posted.
+  t.collector->snapshot();
   const kelo::AppLaunchStatsCumu::Snapshot after = t.collector->snapshot();
 
   const uint64_t type = state & 0xF;
@@ -110,7 +116,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (state != 0 && type == 1) {
     expected.avgDownloadsize = wrapped(before.avgDownloadsize, amount);
     expected.avgPWConsumed = wrapped(before.avgPWConsumed, energy);
-    expected.totalBGDownloads = static_cast<int32_t>(static_cast<uint32_t>(before.totalBGDownloads) + 1u);
+    expected.totalBGDownloads =
+        static_cast<int32_t>(static_cast<uint32_t>(before.totalBGDownloads) + 1u);
     expected.hasStats |= kelo::AppLaunchStatsCumu::kFlagBackgroundDownload;
   } else if (state != 0 && type == 2) {
     expected.totalNonDiscDownload = wrapped(before.totalNonDiscDownload, amount);
@@ -121,8 +128,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       after.totalBGDownloads != expected.totalBGDownloads || after.hasStats != expected.hasStats ||
       after.totalNonDiscDownload != expected.totalNonDiscDownload ||
       after.totalNonDiscEnergy != expected.totalNonDiscEnergy) {
-    kelo::fuzz::fail("state %016llx: the sums moved otherwise than its decoding says",
-                     static_cast<unsigned long long>(state));
+    kelo::fuzz::fail(
+        "state %016llx: the sums moved otherwise than its decoding says: downloads %d -> %d, "
+        "size %lld -> %lld, energy %lld -> %lld, non-discretionary %lld -> %lld and %lld -> %lld",
+        static_cast<unsigned long long>(state), before.totalBGDownloads, after.totalBGDownloads,
+        static_cast<long long>(before.avgDownloadsize),
+        static_cast<long long>(after.avgDownloadsize), static_cast<long long>(before.avgPWConsumed),
+        static_cast<long long>(after.avgPWConsumed),
+        static_cast<long long>(before.totalNonDiscDownload),
+        static_cast<long long>(after.totalNonDiscDownload),
+        static_cast<long long>(before.totalNonDiscEnergy),
+        static_cast<long long>(after.totalNonDiscEnergy));
   }
   return 0;
 }
