@@ -123,21 +123,6 @@ TEST_F(AmpvexStubTest, OnlyTheLatestChargeOfAnApplicationCounts) {
   EXPECT_EQ(stub->energyConsumedForFetch(), 3);
 }
 
-TEST_F(AmpvexStubTest, NewReferenceDateChargesTheNewAmountWhole) {
-  monitor_->setReport(Monitor::report(1, kDateD, {{"com.a", 1, 30}, {"com.b", 4, 80}}));
-  AmpvexStub* stub = start();
-  refreshWith(Monitor::report(1, kDateE, {{"com.a", 1, 5}}));
-  EXPECT_EQ(stub->startAmpvexLiteDate(), kDateE);
-  EXPECT_EQ(stub->energyConsumedForFetch(), 5);
-  // The reset zeroed every pool, also those the new report does not mention.
-  EXPECT_EQ(stub->powerbackgroundDownloadBudgetPool()->currentGlobalPool(), 0);
-  EXPECT_EQ(stub->powerbackgroundDownloadBudgetPool()->totalBudget(), 0);
-  EXPECT_EQ(stub->energyConsumedForBackgroundDownload(), 0);
-  // A date one microsecond later is a new instant too.
-  refreshWith(Monitor::report(1, kDateE + 1e-6, {{"com.a", 1, 6}}));
-  EXPECT_EQ(stub->energyConsumedForFetch(), 6);
-}
-
 TEST_F(AmpvexStubTest, MissingReportResetsEverythingAndTheNextReportCountsInFull) {
   monitor_->setReport(Monitor::report(3279.75, kDateD, {{"com.a", 1, 30}}));
   AmpvexStub* stub = start();
@@ -267,8 +252,12 @@ TEST_F(AmpvexStubTest, RefreshChargesTruncatedAmountsAndLogsThemWithTheirFractio
   EXPECT_EQ(stub->energyConsumedForFetch(), 15);
   EXPECT_EQ(stub->energyConsumedForFetch(), 0);
 
+  // A new reference date charges the new amount whole; one a microsecond later is new too.
   refreshWith(Monitor::report(3279, kDateE, {{"com.x", 1, 5}}));
   EXPECT_EQ(record->currentItemPoolValue(), 5);
+  EXPECT_EQ(record->currentItemPoolDiff(), 5);
+  EXPECT_EQ(stub->startAmpvexLiteDate(), kDateE);
+  refreshWith(Monitor::report(3279, kDateE + 1e-6, {{"com.x", 1, 5}}));
   EXPECT_EQ(record->currentItemPoolDiff(), 5);
 
   refreshWith(std::nullopt);
@@ -281,6 +270,8 @@ TEST_F(AmpvexStubTest, RefreshChargesTruncatedAmountsAndLogsThemWithTheirFractio
                    "number of apps that consumed power 3",
                    "updatePowerBudgetPool fetch: com.x cost 45.000000",
                    "Deduct energy Fetch app 15", "Deduct energy Fetch app 0",
+                   "Ampvex reset detected. reset pool", "number of apps that consumed power 1",
+                   "updatePowerBudgetPool fetch: com.x cost 5.000000",
                    "Ampvex reset detected. reset pool", "number of apps that consumed power 1",
                    "updatePowerBudgetPool fetch: com.x cost 5.000000",
                    "Ampvex reset detected. reset pool", "number of apps that consumed power 0",

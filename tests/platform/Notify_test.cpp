@@ -28,8 +28,7 @@ using test::ChildProcess;
 
 constexpr char kReportName[] = "com.vorn.Kelo.CUMUNotificationReport";
 
-// Records each delivery's token and the state its handler read; optionally holds the handler
-// (and so the thread running it) until released.
+// Records each delivery's token and state; hold(true) keeps the handler (and its thread) waiting.
 class Inbox {
  public:
   std::function<void(int)> handler() {
@@ -69,8 +68,7 @@ class Inbox {
   bool holding_ = false;
 };
 
-// A name registered on a queue of its own: once its post is delivered, the watcher has handled
-// every event that came before it.
+// Once a post of its own name is delivered, the watcher has handled every earlier event.
 class Marker {
  public:
   Marker() {
