@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -19,23 +20,42 @@
 
 namespace kelo::test {
 
-// "<Level>: text" of each line of a log file; a line not in the system log layout (time stamp,
-// "kelotest[pid]") fails the test.
-inline std::vector<std::string> lineBodies(const std::string& path) {
+// "<Level>: text" of each line of a log file in the system log layout (time stamp,
+// "kelotest[pid]"). Other lines fail the test, or are counted in `others` when it is given.
+inline std::vector<std::string> lineBodies(const std::string& path, int* others = nullptr) {
   // Only the head goes through the regex: its matcher recurses per character.
   static const std::regex kHead(
       R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] )<\w+>: .*)");
   std::vector<std::string> out;
   for (const std::string& line : Sandbox::readLines(path)) {
-    const std::string head = line.substr(0, 80);
     std::smatch m;
+    const std::string head = line.substr(0, 80);
     if (std::regex_match(head, m, kHead)) {
       out.push_back(line.substr(static_cast<size_t>(m.length(1))));
+    } else if (others != nullptr) {
+      ++*others;
     } else {
       ADD_FAILURE() << "malformed line in " << path << ": " << line;
     }
   }
   return out;
+}
+
+// The same lines without their "<Level>: ".
+inline std::vector<std::string> lineTexts(const std::string& path, int* others = nullptr) {
+  std::vector<std::string> out = lineBodies(path, others);
+  for (std::string& body : out) body.erase(0, body.find(">: ") + 3);
+  return out;
+}
+
+inline std::vector<std::string> filesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, ec)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 class RecordingFileSystem : public platform::FileSystem {

@@ -1,7 +1,3 @@
-// Faults of the platform under every service: a full disk, folders that are missing or cannot
-// be made, a rename that fails, a writer killed in the middle, a power monitor that answers
-// nothing useful, a metrics database held by another process. Each must end in the defined
-// outcome, with nothing lost that the library promised to keep.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,7 +12,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -32,6 +27,7 @@
 #include "platform/Metrics.h"
 #include "platform/Preferences.h"
 #include "tests/platform/ChildProcess.h"
+#include "tests/logging/LogFiles.h"
 #include "tests/support/FaultyFileSystem.h"
 #include "tests/support/InMemoryPowerMonitor.h"
 #include "tests/support/Sandbox.h"
@@ -43,6 +39,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using platform::PreferencesDomain;
 using test::FaultyFileSystem;
+using test::filesIn;
 using test::Sandbox;
 using Op = FaultyFileSystem::Op;
 
@@ -51,16 +48,6 @@ template <class F>
 bool eventually(F done) {
   for (int i = 0; i < 1000 && !done(); ++i) std::this_thread::sleep_for(10ms);
   return done();
-}
-
-std::vector<std::string> filesIn(const std::string& folder) {
-  std::vector<std::string> names;
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(folder, ec)) {
-    names.push_back(entry.path().filename().string());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 bool anyLineHas(const Sandbox& sandbox, const std::string& text) {
@@ -77,7 +64,6 @@ std::optional<int64_t> storedMetric(const std::string& key) {
   return std::nullopt;
 }
 
-// A sandbox whose file operations go through a FaultyFileSystem.
 struct FaultySandbox {
   explicit FaultySandbox(platform::Overrides extra = {}) {
     extra.fileSystem = files;
@@ -89,19 +75,6 @@ struct FaultySandbox {
   Sandbox sandbox;
   std::shared_ptr<FaultyFileSystem> files = std::make_shared<FaultyFileSystem>();
 };
-
-// The texts of the whole lines of a log file. A line cut short by the full disk is not whole;
-// it must stay on a line of its own so that the next line is not glued to it.
-std::vector<std::string> wholeLineTexts(const std::string& path) {
-  static const std::regex kLayout(
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] <\w+>: (.*))");
-  std::vector<std::string> texts;
-  for (const std::string& line : Sandbox::readLines(path)) {
-    std::smatch m;
-    if (std::regex_match(line, m, kLayout)) texts.push_back(m[1]);
-  }
-  return texts;
-}
 
 TEST(LoggingFaults, AFullDiskDropsLinesAndTheFirstLineAfterwardsIsWhole) {
   FaultySandbox s;
@@ -118,11 +91,11 @@ TEST(LoggingFaults, AFullDiskDropsLinesAndTheFirstLineAfterwardsIsWhole) {
   (KELO_CLOG)("after %d", 1);
   (KELO_CLOG)("after %d", 2);
 
-  EXPECT_EQ(wholeLineTexts(s.live()),
+  int cutLines = 0;
+  EXPECT_EQ(test::lineTexts(s.live(), &cutLines),
             (std::vector<std::string>{"before 1", "after 1", "after 2"}));
-  const std::vector<std::string> raw = Sandbox::readLines(s.live());
-  ASSERT_EQ(raw.size(), 4u) << "the cut line stays a line of its own";
-  EXPECT_EQ(raw[1].size(), 10u);
+  EXPECT_EQ(cutLines, 1) << "the cut line stays a line of its own";
+  EXPECT_EQ(Sandbox::readLines(s.live())[1].size(), 10u);
   EXPECT_TRUE(logger->canWriteToFile());
   EXPECT_TRUE(s.sandbox.consoleLines().empty()) << "a dropped line is not a logger failure";
 }
@@ -140,10 +113,10 @@ TEST(LoggingFaults, AFailedRotationIsReportedOnceAndTheOldFileIsAppendedTo) {
 
   EXPECT_EQ(s.sandbox.consoleLines(),
             std::vector<std::string>{"Move Error was code: 13 - message: Permission denied"});
-  const std::vector<std::string> lines = Sandbox::readLines(s.live());
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], "previous process");
-  EXPECT_EQ(wholeLineTexts(s.live()), (std::vector<std::string>{"one", "two"}));
+  int old = 0;
+  EXPECT_EQ(test::lineTexts(s.live(), &old), (std::vector<std::string>{"one", "two"}));
+  EXPECT_EQ(Sandbox::readLines(s.live())[0], "previous process");
+  EXPECT_EQ(old, 1);
   EXPECT_TRUE(filesIn(s.logs() + "/Wreckbox/DiagnosticLogs").empty());
 }
 
@@ -156,7 +129,7 @@ TEST(LoggingFaults, MissingHomeAndLogFoldersAreMadeAgainWhenNeeded) {
   KeloLogger* logger = KeloLogger::instance();
   logger->setLoggingMode(true);
   logger->logToFileCString("first");
-  EXPECT_EQ(wholeLineTexts(logs + "/KeloLoggingDetailed.kelotest"),
+  EXPECT_EQ(test::lineTexts(logs + "/KeloLoggingDetailed.kelotest"),
             std::vector<std::string>{"first"});
   EXPECT_TRUE(PreferencesDomain::open("com.example.home")->write("k", Value::integer(1)));
   platform::CumuClientAddValueForScalarKey("k", 1);
@@ -169,7 +142,7 @@ TEST(LoggingFaults, MissingHomeAndLogFoldersAreMadeAgainWhenNeeded) {
   logger->setLoggingMode(false);
   logger->setLoggingMode(true);
   logger->logToFileCString("second");
-  EXPECT_EQ(wholeLineTexts(logs + "/KeloLoggingDetailed.kelotest"),
+  EXPECT_EQ(test::lineTexts(logs + "/KeloLoggingDetailed.kelotest"),
             std::vector<std::string>{"second"});
   EXPECT_EQ(filesIn(logs + "/Wreckbox/DiagnosticLogs").size(), 1u) << "the dump";
   EXPECT_TRUE(sandbox.consoleLines().empty());
@@ -217,9 +190,7 @@ TEST(PreferencesFaults, AFolderThatCannotBeMadeFailsTheWriteUntilItCanBe) {
   EXPECT_EQ(platform::readJsonFile(domain->path()), Value::dictionary({{"k", Value::integer(7)}}));
 }
 
-// The sweep: a writer is killed before its 1st, 2nd, ... file operation, until one write runs
-// to its end. After each kill the domain parses and holds the old or the new value, the other
-// keys stay, and the next write leaves no temporary file behind.
+// The writer is killed before its 1st, 2nd, ... file operation until one write runs to its end.
 TEST(PreferencesFaults, AWriterKilledAtAnyStepLeavesTheOldOrTheNewValueAndNoLeftovers) {
   FaultySandbox s;
   constexpr const char* kName = "com.example.crash";
@@ -327,8 +298,6 @@ struct Pipe {
   int fds[2];
 };
 
-// The collector's upload while another process holds the metrics database in an exclusive
-// transaction, longer than the store waits: every uploaded value arrives once it lets go.
 TEST(MetricsFaults, AnUploadWhileAnotherProcessHoldsTheDatabaseLosesNothing) {
   Sandbox sandbox;
   sandbox.install();
@@ -365,11 +334,8 @@ TEST(MetricsFaults, AnUploadWhileAnotherProcessHoldsTheDatabaseLosesNothing) {
   EXPECT_EQ(storedMetric("com.vorn.Kelo.push.total_requests"), 6) << "a running total";
 }
 
-// An embedder's metrics sink that throws: the upload goes on key by key and the collector keeps
-// working.
 TEST(MetricsFaults, AThrowingSinkNeitherStopsTheUploadNorEscapes) {
-  class ThrowingSink : public platform::MetricsSink {
-   public:
+  struct ThrowingSink : platform::MetricsSink {
     std::atomic<int> calls{0};
     void setValue(const std::string&, int64_t) override {
       ++calls;
@@ -399,9 +365,7 @@ TEST(MetricsFaults, AThrowingSinkNeitherStopsTheUploadNorEscapes) {
   EXPECT_EQ(lines, sink->calls.load());
 }
 
-// A monitor whose every answer the test scripts, including exceptions.
-class ScriptedMonitor : public test::InMemoryPowerMonitor {
- public:
+struct ScriptedMonitor : test::InMemoryPowerMonitor {
   std::atomic<bool> throwOnReport{false};
   std::atomic<bool> throwOnEvent{false};
   void logEvent(const char* bundleId, int16_t type, uint64_t seqNum, int32_t kind) override {

@@ -1,6 +1,3 @@
-// Eight threads calling every exported C function and the classes' operations at once, with
-// dumps, reloads, mode switches and uploads in between. Bounded in count and in time; under
-// ThreadSanitizer it must stay silent. What the rules make exact is checked exactly afterwards.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +8,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +18,7 @@
 #include "kelo/KeloLogger.h"
 #include "kelo/kelo.h"
 #include "tests/config/ConfigTestSupport.h"
+#include "tests/logging/LogFiles.h"
 #include "tests/support/InMemoryMetrics.h"
 #include "tests/support/InMemoryPowerMonitor.h"
 #include "tests/support/Sandbox.h"
@@ -37,7 +34,6 @@ constexpr int kIterations = 400;
 constexpr auto kTimeBudget = 3s;    // a slow (sanitized) build stops early, counts stay exact
 constexpr auto kDeadlockLimit = 60s;
 
-// What one thread did, for the exact checks afterwards.
 struct Tally {
   std::vector<std::string> lines;  // every line it sent to the detailed logger
   int fetchAttempts = 0;
@@ -217,7 +213,7 @@ TEST_F(LoadTest, EightThreadsCallingEverythingLoseNothingAndTearNothing) {
   AmpvexStub::instance()->getBatteryCapacity();
   logger->logToFileCString(nullptr);
 
-  Tally total;
+  Tally total;  // what all threads did
   for (const Tally& t : tallies) {
     total.lines.insert(total.lines.end(), t.lines.begin(), t.lines.end());
     total.fetchAttempts += t.fetchAttempts;
@@ -232,32 +228,23 @@ TEST_F(LoadTest, EightThreadsCallingEverythingLoseNothingAndTearNothing) {
 
   // Fetch attempts are set per cycle, push attempts added: both sum to the calls made.
   int64_t fetchSum = 0;
-  for (const auto& e : metrics_->entriesFor("com.vorn.Kelo.fetch.any.triggered")) fetchSum += e.value;
+  for (const auto& e : metrics_->entriesFor("com.vorn.Kelo.fetch.any.triggered")) {
+    fetchSum += e.value;
+  }
   EXPECT_EQ(fetchSum, total.fetchAttempts);
   EXPECT_EQ(metrics_->valueOf("com.vorn.Kelo.push.total_requests"), total.pushAttempts);
   EXPECT_EQ(static_cast<int>(monitor_->events().size()), total.energyEvents);
 
   // Every line sent is in the live log exactly once, and every line there is whole.
-  static const std::regex kLayout(
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \+0000 kelotest\[\d+\] <Info>: (.*))");
   std::map<std::string, int> seen;
-  int torn = 0;
-  for (const std::string& line :
-       test::Sandbox::readLines(sandbox_.homePath() + "/Library/Logs/KeloLoggingDetailed.kelotest")) {
-    std::smatch m;
-    if (std::regex_match(line, m, kLayout)) {
-      ++seen[m[1]];
-    } else {
-      ++torn;
-    }
+  for (const std::string& text : test::lineTexts(
+           sandbox_.homePath() + "/Library/Logs/KeloLoggingDetailed.kelotest")) {
+    ++seen[text];
   }
-  EXPECT_EQ(torn, 0);
-  int missing = 0;
-  int repeated = 0;
+  int missing = 0, repeated = 0;
   for (const std::string& line : total.lines) {
-    const int count = seen.count(line) != 0 ? seen[line] : 0;
-    missing += count == 0;
-    repeated += count > 1;
+    missing += seen[line] == 0;
+    repeated += seen[line] > 1;
   }
   EXPECT_EQ(missing, 0) << "of " << total.lines.size() << " lines";
   EXPECT_EQ(repeated, 0);
