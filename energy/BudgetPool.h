@@ -28,8 +28,8 @@ namespace kelo {
 class KELO_EXPORT BudgetPool : public KeloLoggerProtocol {
  public:
   // Budget modes: how UpdateBudget applies a cost. Any other mode makes charges no-ops.
-  static constexpr int32_t kAdditive = 0;
-  static constexpr int32_t kCumulative = 1;
+  // Enumerators rather than static members, so that no data symbol leaves the library.
+  enum : int32_t { kAdditive = 0, kCumulative = 1 };
 
   // A pool with no records and a running total of 0. Limits and mode never change afterwards.
   BudgetPool(int64_t globalLimit, int64_t andItemLimit, int32_t withBudgetMode);

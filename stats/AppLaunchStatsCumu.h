@@ -39,9 +39,9 @@ class SerialQueue;
 
 class KELO_EXPORT AppLaunchStatsCumu {
  public:
-  // A cycle has 96 slots of 15 minutes after cycleStart.
-  static constexpr int kSlotCount = 96;
-  static constexpr int kZoneCount = 9;
+  // A cycle has 96 slots of 15 minutes after cycleStart. (Enumerators rather than static
+  // members, so that no data symbol leaves the library.)
+  enum : int { kSlotCount = 96, kZoneCount = 9 };
   // One element per slot: bit m set means an event in minute m (0..14) of the slot. Minute bits
   // never reach bit 15, so 16 bits hold an element.
   using SlotArray = std::array<uint16_t, kSlotCount>;
