@@ -141,9 +141,10 @@ void SerialQueue::wakeWorker() {
 
 void SerialQueue::waitForWork() {
   for (int i = 0; i < kIdlePolls; ++i) {
-    if (wake_.load(std::memory_order_relaxed) != 0) {
+    // An acquire load (not a relaxed one and a fence): the waker may be a caller that just ran a
+    // task inline, and its writes must be visible to the tasks this worker runs next.
+    if (wake_.load(std::memory_order_acquire) != 0) {
       wake_.store(0, std::memory_order_relaxed);
-      std::atomic_thread_fence(std::memory_order_acquire);
       return;
     }
     pause(kPausesPerPoll);
