@@ -209,9 +209,11 @@ std::vector<Row> buildRows(const Results& r) {
     auto allocs = r.counter("BM_FetchAttemptIncrement", "allocs/op");
     Row row{"collector counter operation (caller)", duration(ours), "-", "-", "", "", {}};
     if (all({ours, allocs})) {
-      row.ratios = fmt("%.3f heap allocations per operation", *allocs);
-      row.target = "<= 150 ns median, no allocation";
-      row.holds = *ours <= 150 && *allocs == 0;
+      // A queue buffer that grows now and then shows as a tiny fraction; a task allocated per
+      // operation would show as 1.
+      row.ratios = fmt("%.2g heap allocations per operation", *allocs);
+      row.target = "<= 150 ns median, no allocation per operation (< 0.001)";
+      row.holds = *ours <= 150 && *allocs < 0.001;
     }
     rows.push_back(row);
   }
