@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/platform/ChildProcess.h"
+#include "tests/support/Pipe.h"
 #include "tests/support/InMemoryMetrics.h"
 #include "tests/support/Sandbox.h"
 
@@ -93,17 +94,7 @@ TEST_F(Metrics, ReadingSomethingThatIsNotAMetricsDatabaseSaysWhy) {
   }
 }
 
-struct Pipe {
-  Pipe() {
-    if (::pipe(fds) != 0) std::abort();
-  }
-  bool send() const { return ::write(fds[1], "x", 1) == 1; }
-  bool receive() const {
-    char byte;
-    return ::read(fds[0], &byte, 1) == 1;
-  }
-  int fds[2];
-};
+using kelo::test::Pipe;
 
 // A second process that holds the database with BEGIN EXCLUSIVE from lock() to release().
 class Locker {

@@ -28,6 +28,7 @@
 #include "platform/Preferences.h"
 #include "tests/platform/ChildProcess.h"
 #include "tests/logging/LogFiles.h"
+#include "tests/support/Pipe.h"
 #include "tests/support/FaultyFileSystem.h"
 #include "tests/support/InMemoryPowerMonitor.h"
 #include "tests/support/Sandbox.h"
@@ -286,17 +287,7 @@ TEST(MetricsFaults, AMetricsFolderThatCannotBeMadeKeepsTheValuesUntilItCanBe) {
       eventually([] { return storedMetric("total") == 11 && storedMetric("level") == 3; }));
 }
 
-struct Pipe {
-  Pipe() {
-    if (::pipe(fds) != 0) std::abort();
-  }
-  bool send() const { return ::write(fds[1], "x", 1) == 1; }
-  bool receive() const {
-    char byte;
-    return ::read(fds[0], &byte, 1) == 1;
-  }
-  int fds[2];
-};
+using kelo::test::Pipe;
 
 TEST(MetricsFaults, AnUploadWhileAnotherProcessHoldsTheDatabaseLosesNothing) {
   Sandbox sandbox;
