@@ -5,6 +5,16 @@
 
 namespace kelo::platform {
 
+// How it works. Posters claim positions in a ring of task slots by advancing tail_, write the
+// task into the slot and publish it by storing its position there. The worker runs the slots in
+// position order, polling the next slot rather than tail_, so that a steady stream of posts
+// keeps tail_ in the posters' cache: a post costs one uncontended compare-and-swap and a few
+// stores. When the ring is full, posts go to an overflow list until the worker has caught up.
+//
+// running_ says who may run tasks: the worker while it drains, or a caller that found the queue
+// idle (running_ free and nothing claimed) and runs its task inline. Posters never look at it;
+// they wake the worker only when it sleeps.
+
 namespace {
 
 // The queues whose tasks the current thread is running, innermost first. Inline execution can
@@ -32,25 +42,31 @@ inline void cpuRelax() {
 #endif
 }
 
-// How long an idle worker keeps polling before it sleeps: a burst of posts then finds it awake
-// and pays no wake-up system call. It polls every few pauses so that it does not pull the
-// posters' cache line away from them on every post.
-constexpr int kIdlePolls = 2000;
-constexpr int kPausesPerPoll = 8;
-
-// A worker that just ran only a handful of tasks while more keep arriving lets them gather for
-// a moment before it takes the lock again: it bounds the cache-line ping-pong with a poster in a
-// tight loop to once per batch, at the cost of well under a microsecond of latency.
-constexpr size_t kSmallBatch = 8;
-constexpr int kGatherPauses = 32;
-
 void pause(int n) {
   for (int i = 0; i < n; ++i) cpuRelax();
 }
 
+// An idle worker polls its next slot for a while (some tens of microseconds) before it sleeps:
+// a burst of posts then finds it awake and pays no wake-up system call.
+constexpr int kIdlePolls = 1000;
+constexpr int kPausesPerPoll = 2;
+constexpr int kPollsPerFlagCheck = 16;
+
+// A worker that ran out of published slots waits this many polls for the next one before it
+// reads tail_: a poster in a tight loop then keeps its line.
+constexpr int kGatherPolls = 8;
+constexpr int kGatherPauses = 8;
+
+// How many slots ahead a poster asks for the line it will write.
+constexpr uint64_t kPrefetchAhead = 8;
+
+// A slot claimed but not yet published: its poster was interrupted between the two steps.
+constexpr int kSpinsBeforeYield = 64;
+
 }  // namespace
 
-SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {}
+SerialQueue::SerialQueue(std::string label)
+    : label_(std::move(label)), ring_(std::make_unique<Slot[]>(kRingSize)) {}
 
 SerialQueue::~SerialQueue() {
   sync([] {});
@@ -74,48 +90,81 @@ bool SerialQueue::isCurrent() const {
 }
 
 void SerialQueue::post(Task task) {
-  uint64_t before;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    pending_.push_back(std::move(task));
-    before = outstanding_.fetch_add(1, std::memory_order_acq_rel);
+  uint64_t tail = tail_.load(std::memory_order_relaxed);
+  for (;;) {
+    if ((tail & kOverflowBit) != 0) {
+      if (pushToOverflow(task)) break;
+      tail = tail_.load(std::memory_order_relaxed);
+      continue;
+    }
+    if (tail - knownHead_.load(std::memory_order_acquire) >= kRingSize) {
+      const uint64_t head = head_.load(std::memory_order_acquire);
+      knownHead_.store(head, std::memory_order_release);
+      if (tail - head >= kRingSize) {
+        // Full (or tail is stale and the exchange fails): later posts queue behind the ring.
+        if (tail_.compare_exchange_weak(tail, tail | kOverflowBit, std::memory_order_seq_cst,
+                                        std::memory_order_relaxed)) {
+          tail |= kOverflowBit;
+        }
+        continue;
+      }
+    }
+    if (tail_.compare_exchange_weak(tail, tail + 1, std::memory_order_seq_cst,
+                                    std::memory_order_relaxed)) {
+      Slot& slot = ring_[tail % kRingSize];
+      // Ask for a slot a few posts ahead now, so its line is ours before we write it.
+      __builtin_prefetch(&ring_[(tail + kPrefetchAhead) % kRingSize], 1);
+      slot.task = std::move(task);
+      slot.published.store(tail + 1, std::memory_order_release);
+      break;
+    }
   }
-  if (before == 0) wakeWorker();
+  // Pairs with the worker's store of sleeping_ before its last look at tail_.
+  if (sleeping_.load(std::memory_order_seq_cst)) wakeWorker();
 }
 
-bool SerialQueue::tryClaimIdle() {
-  uint64_t expected = 0;
-  return outstanding_.compare_exchange_strong(expected, 1, std::memory_order_acquire,
-                                              std::memory_order_relaxed);
+bool SerialQueue::pushToOverflow(Task& task) {
+  std::lock_guard<std::mutex> lock(overflowMutex_);
+  // The worker clears the bit under this lock once it has taken the list.
+  if ((tail_.load(std::memory_order_relaxed) & kOverflowBit) == 0) return false;
+  overflow_.push_back(std::move(task));
+  return true;
 }
 
-void SerialQueue::releaseClaim() {
-  // Tasks posted while the caller ran inline were counted but nobody was woken for them.
-  if (outstanding_.fetch_sub(1, std::memory_order_acq_rel) != 1) wakeWorker();
+bool SerialQueue::hasWork(uint64_t head) const {
+  return tail_.load(std::memory_order_seq_cst) != head;
+}
+
+bool SerialQueue::tryRunInline(Task* task, void (*fn)(void*), void* context) {
+  uint32_t expected = 0;
+  if (!running_.compare_exchange_strong(expected, 1, std::memory_order_seq_cst,
+                                        std::memory_order_relaxed)) {
+    return false;
+  }
+  const uint64_t head = head_.load(std::memory_order_relaxed);
+  const bool idle = !hasWork(head);
+  if (idle) {
+    FrameScope scope(this);
+    if (task != nullptr) {
+      (*task)();
+    } else {
+      fn(context);
+    }
+  }
+  running_.store(0, std::memory_order_seq_cst);
+  // Posts that arrived meanwhile (or that made the queue busy) went unnoticed by a worker that
+  // could not take over from us.
+  if (hasWork(head)) wakeWorker();
+  return idle;
 }
 
 void SerialQueue::runOrPost(Task task) {
-  if (tryClaimIdle()) {
-    {
-      FrameScope scope(this);
-      task();
-    }
-    releaseClaim();
-    return;
-  }
-  post(std::move(task));
+  if (!tryRunInline(&task, nullptr, nullptr)) post(std::move(task));
 }
 
 void SerialQueue::syncImpl(void (*fn)(void*), void* context) {
   if (isCurrent()) abortSelfWait();
-  if (tryClaimIdle()) {
-    {
-      FrameScope scope(this);
-      fn(context);
-    }
-    releaseClaim();
-    return;
-  }
+  if (tryRunInline(nullptr, fn, context)) return;
   std::atomic<uint32_t> done{0};
   post([fn, context, &done] {
     fn(context);
@@ -135,48 +184,107 @@ void SerialQueue::abortSelfWait() const {
 
 void SerialQueue::wakeWorker() {
   std::call_once(workerStarted_, [this] { worker_ = std::thread([this] { workerLoop(); }); });
-  wake_.store(1, std::memory_order_seq_cst);
-  if (sleeping_.load(std::memory_order_seq_cst)) wake_.notify_one();
+  // Only the first waker makes the system call; the worker clears the flag once awake. Later
+  // wakers only read the flag, so a stream of posts to a sleeping worker shares its line.
+  if (wake_.load(std::memory_order_seq_cst) == 0 &&
+      wake_.exchange(1, std::memory_order_seq_cst) == 0 &&
+      (sleeping_.load(std::memory_order_seq_cst) ||
+       awaitingRelease_.load(std::memory_order_seq_cst))) {
+    wake_.notify_one();
+  }
 }
 
-void SerialQueue::waitForWork() {
-  for (int i = 0; i < kIdlePolls; ++i) {
-    // An acquire load (not a relaxed one and a fence): the waker may be a caller that just ran a
-    // task inline, and its writes must be visible to the tasks this worker runs next.
-    if (wake_.load(std::memory_order_acquire) != 0) {
-      wake_.store(0, std::memory_order_relaxed);
-      return;
-    }
+bool SerialQueue::waitForWork() {
+  const uint64_t head = head_.load(std::memory_order_relaxed);
+  const Slot& next = ring_[head % kRingSize];
+  for (int i = 1; i <= kIdlePolls; ++i) {
+    if (next.published.load(std::memory_order_acquire) == head + 1) return true;
+    if (i % kPollsPerFlagCheck == 0 && wake_.load(std::memory_order_acquire) != 0) break;
     pause(kPausesPerPoll);
   }
-  sleeping_.store(true, std::memory_order_seq_cst);
-  while (wake_.load(std::memory_order_seq_cst) == 0) wake_.wait(0, std::memory_order_seq_cst);
-  sleeping_.store(false, std::memory_order_relaxed);
-  wake_.store(0, std::memory_order_relaxed);
+  if (wake_.load(std::memory_order_acquire) == 0) {
+    sleeping_.store(true, std::memory_order_seq_cst);
+    while (!hasWork(head) && wake_.load(std::memory_order_seq_cst) == 0) {
+      wake_.wait(0, std::memory_order_seq_cst);
+    }
+    sleeping_.store(false, std::memory_order_relaxed);
+  }
+  // Acquire: the waker may be a caller that just ran a task inline, and its writes must be
+  // visible to the tasks this worker runs next.
+  wake_.exchange(0, std::memory_order_acq_rel);
+  return !stopping_.load(std::memory_order_acquire);
+}
+
+void SerialQueue::waitForRelease() {
+  // A caller is running a task inline; it wakes the worker when it lets go with work left.
+  for (int i = 0; i < kIdlePolls; ++i) {
+    if (running_.load(std::memory_order_acquire) == 0) return;
+    pause(kPausesPerPoll);
+  }
+  awaitingRelease_.store(true, std::memory_order_seq_cst);
+  while (running_.load(std::memory_order_seq_cst) != 0 &&
+         wake_.load(std::memory_order_seq_cst) == 0) {
+    wake_.wait(0, std::memory_order_seq_cst);
+  }
+  awaitingRelease_.store(false, std::memory_order_relaxed);
+}
+
+void SerialQueue::takeOverflow(std::vector<Task>& into) {
+  std::lock_guard<std::mutex> lock(overflowMutex_);
+  into.swap(overflow_);
+  tail_.fetch_and(~kOverflowBit, std::memory_order_seq_cst);
+}
+
+void SerialQueue::drain() {
+  uint64_t head = head_.load(std::memory_order_relaxed);
+  int spins = 0;
+  for (;;) {
+    Slot& slot = ring_[head % kRingSize];
+    bool ready = slot.published.load(std::memory_order_acquire) == head + 1;
+    for (int i = 0; i < kGatherPolls && !ready; ++i) {
+      // Caught up with the posters: let a few posts gather before looking again, rather than
+      // pulling the line a poster is writing back and forth.
+      pause(kGatherPauses);
+      ready = slot.published.load(std::memory_order_acquire) == head + 1;
+    }
+    if (ready) {
+      slot.task();
+      slot.task.reset();
+      head_.store(++head, std::memory_order_release);
+      spins = 0;
+      continue;
+    }
+    const uint64_t tail = tail_.load(std::memory_order_acquire);
+    if ((tail & ~kOverflowBit) != head) {
+      if (++spins > kSpinsBeforeYield) std::this_thread::yield();
+      continue;
+    }
+    if ((tail & kOverflowBit) == 0) return;
+    // The ring has run dry behind a full ring's worth of posts; the spilled ones come next.
+    takeOverflow(spilled_);
+    for (Task& task : spilled_) {
+      task();
+      task.reset();
+    }
+    spilled_.clear();  // keeps its capacity for the next spill
+  }
 }
 
 void SerialQueue::workerLoop() {
-  std::vector<Task> batch;
+  sleeping_.store(false, std::memory_order_seq_cst);
   for (;;) {
-    waitForWork();
-    if (stopping_.load(std::memory_order_acquire)) return;
-    for (;;) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        batch.swap(pending_);
-      }
-      {
-        FrameScope scope(this);
-        for (Task& task : batch) {
-          task();
-          task.reset();
-        }
-      }
-      const uint64_t ran = batch.size();
-      batch.clear();
-      if (outstanding_.fetch_sub(ran, std::memory_order_acq_rel) == ran) break;
-      if (ran < kSmallBatch) pause(kGatherPauses);
+    if (!waitForWork()) return;
+    uint32_t expected = 0;
+    if (!running_.compare_exchange_strong(expected, 1, std::memory_order_seq_cst,
+                                          std::memory_order_relaxed)) {
+      waitForRelease();
+      continue;
     }
+    {
+      FrameScope scope(this);
+      drain();
+    }
+    running_.store(0, std::memory_order_release);
   }
 }
 

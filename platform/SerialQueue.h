@@ -13,11 +13,12 @@
 #define KELO_PLATFORM_SERIALQUEUE_H_
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -50,33 +51,58 @@ class SerialQueue {
   // True on a thread that is running one of this queue's tasks.
   bool isCurrent() const;
 
+  // Tasks the ring holds before posts spill into the overflow list.
+  static constexpr uint64_t kRingSize = 256;
+
  private:
+  // One posted task and the position it was published for (position + 1; 0: never used). One
+  // cache line, so that neighbouring posts never share a line.
+  struct alignas(64) Slot {
+    Task task;
+    std::atomic<uint64_t> published{0};
+  };
+  static_assert(sizeof(Slot) == 64, "a slot fills exactly one cache line");
+
   void syncImpl(void (*fn)(void*), void* context);
-  bool tryClaimIdle();
-  void releaseClaim();
+  bool tryRunInline(Task* task, void (*fn)(void*), void* context);
+  bool pushToOverflow(Task& task);
   void wakeWorker();
-  void waitForWork();
+  bool hasWork(uint64_t head) const;
+  bool waitForWork();
+  void waitForRelease();
+  void drain();
+  void takeOverflow(std::vector<Task>& into);
   void workerLoop();
   [[noreturn]] void abortSelfWait() const;
 
   const std::string label_;
+  const std::unique_ptr<Slot[]> ring_;
 
-  // Posters' side: the lock, the tasks it guards and the count live together, so a burst of
-  // posts keeps them in the poster's cache while the worker polls its own line below.
-  alignas(64) std::mutex mutex_;
-  std::vector<Task> pending_;  // guarded by mutex_
+  // Posters' line. tail_ counts the positions claimed so far; kOverflowBit set means the ring was
+  // full and posts go to overflow_ until the worker has run it. knownHead_ is a poster's last
+  // reading of head_, so that posters read the worker's line only once per lap of the ring.
+  static constexpr uint64_t kOverflowBit = uint64_t{1} << 63;
+  alignas(64) std::atomic<uint64_t> tail_{0};
+  std::atomic<uint64_t> knownHead_{0};
 
-  // Tasks posted and not yet finished, plus one while a caller runs a task inline. Zero means
-  // idle: nothing queued, nothing running. Incremented under mutex_ together with the push, so
-  // the worker only ever takes away tasks that were counted.
-  std::atomic<uint64_t> outstanding_{0};
+  // Consumer's line: who may run tasks (the worker, or a caller running one inline on an idle
+  // queue) and the next position to run. Only the worker advances head_.
+  alignas(64) std::atomic<uint32_t> running_{0};
+  std::atomic<uint64_t> head_{0};
 
-  // Worker's side: written by posters only when the queue goes from idle to busy.
-  alignas(64) std::atomic<uint32_t> wake_{0};  // 1 when the worker has been handed work
-  std::atomic<bool> sleeping_{false};
+  // Read by every post, written only when the worker falls asleep or wakes. sleeping_ starts
+  // true, so that the first post starts the worker.
+  alignas(64) std::atomic<bool> sleeping_{true};
+  std::atomic<bool> awaitingRelease_{false};  // asleep until an inline caller lets go
   std::atomic<bool> stopping_{false};
 
-  alignas(64) std::once_flag workerStarted_;
+  alignas(64) std::atomic<uint32_t> wake_{0};  // 1 when the worker has been handed something
+
+  alignas(64) std::mutex overflowMutex_;
+  std::vector<Task> overflow_;  // guarded by overflowMutex_
+  std::vector<Task> spilled_;   // the worker's: the overflow list it took and is running
+
+  std::once_flag workerStarted_;
   std::thread worker_;
 };
 

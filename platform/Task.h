@@ -12,7 +12,7 @@ namespace kelo::platform {
 
 class Task {
  public:
-  static constexpr std::size_t kInlineSize = 48;
+  static constexpr std::size_t kInlineSize = 40;
 
   Task() noexcept = default;
 

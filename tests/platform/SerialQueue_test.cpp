@@ -62,6 +62,41 @@ TEST(SerialQueueTest, SyncSeesEveryEarlierPostDone) {
   }
 }
 
+TEST(SerialQueueTest, PostsBeyondTheRingWaitTheirTurnEvenFromTheQueuesOwnTask) {
+  static constexpr int kPosts = 3 * static_cast<int>(SerialQueue::kRingSize) + 7;
+  SerialQueue queue("test.overflow");
+  std::vector<int> order;  // queue only
+  std::atomic<int> posted{0};
+  queue.post([&] {
+    // Holds the worker until the ring is full and spilling, then posts to its own queue: that
+    // post must neither block nor overtake the ones already waiting.
+    while (posted.load() < kPosts) std::this_thread::yield();
+    queue.post([&] { order.push_back(-1); });
+  });
+  std::thread second([&] {
+    for (int i = 0; i < kPosts / 2; ++i) {
+      queue.post([&order, i] { order.push_back(kPosts + i); });
+      posted.fetch_add(1);
+    }
+  });
+  for (int i = 0; i < kPosts - kPosts / 2; ++i) {
+    queue.post([&order, i] { order.push_back(i); });
+    posted.fetch_add(1);
+  }
+  second.join();
+  queue.sync([] {});
+  ASSERT_EQ(order.size(), static_cast<size_t>(kPosts + 1));
+  EXPECT_EQ(order.back(), -1);
+  int mine = 0, theirs = kPosts;
+  for (size_t i = 0; i + 1 < order.size(); ++i) {
+    if (order[i] < kPosts) {
+      ASSERT_EQ(order[i], mine++);
+    } else {
+      ASSERT_EQ(order[i], theirs++);
+    }
+  }
+}
+
 TEST(SerialQueueTest, IdleSyncAndRunOrPostRunInlineAndPostsMadeThereStillRun) {
   SerialQueue queue("test.inline"), other("test.other");
   std::thread::id ranOn;
