@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -32,29 +33,28 @@ class ValueBuilder : public nlohmann::json_sax<json> {
   bool string(string_t& v) override { return add(Value::string(std::move(v))); }
   bool binary(binary_t&) override { return add(Value()); }
 
-  bool start_object(std::size_t) override {
-    if (!enter()) return false;
-    frames_.push_back(Frame{true, {}, {}, {}});
-    return true;
-  }
+  bool start_object(std::size_t) override { return enter(true); }
   bool key(string_t& k) override {
-    frames_.back().key = std::move(k);
+    frames_[depth_ - 1].key = std::move(k);
     return true;
   }
   bool end_object() override {
-    Frame f = std::move(frames_.back());
-    frames_.pop_back();
-    return add(Value::dictionary(std::move(f.dict)));
+    Frame& f = frames_[--depth_];
+    // Exactly sized, so that a report's many small dictionaries carry no spare capacity; the
+    // frame keeps its buffer for the next object at this depth.
+    std::vector<Value::Dictionary::value_type> entries;
+    entries.reserve(f.entries.size());
+    std::move(f.entries.begin(), f.entries.end(), std::back_inserter(entries));
+    f.entries.clear();
+    return add(Value::dictionary(Value::Dictionary::fromUnsorted(std::move(entries))));
   }
-  bool start_array(std::size_t) override {
-    if (!enter()) return false;
-    frames_.push_back(Frame{false, {}, {}, {}});
-    return true;
-  }
+  bool start_array(std::size_t) override { return enter(false); }
   bool end_array() override {
-    Frame f = std::move(frames_.back());
-    frames_.pop_back();
-    return add(Value::array(std::move(f.items)));
+    Frame& f = frames_[--depth_];
+    Value::Array items(std::make_move_iterator(f.items.begin()),
+                       std::make_move_iterator(f.items.end()));
+    f.items.clear();
+    return add(Value::array(std::move(items)));
   }
   bool parse_error(std::size_t position, const std::string&,
                    const nlohmann::detail::exception& ex) override {
@@ -69,32 +69,40 @@ class ValueBuilder : public nlohmann::json_sax<json> {
   Value take() { return std::move(root_); }
 
  private:
+  // An object or array being read. Frames below the current depth stay allocated, so their
+  // buffers serve every later container at the same depth.
   struct Frame {
-    bool isObject;
+    bool isObject = false;
     std::string key;
-    Value::Dictionary dict;
+    std::vector<Value::Dictionary::value_type> entries;  // in the document's order
     Value::Array items;
   };
 
-  bool enter() {
-    if (static_cast<int>(frames_.size()) >= kMaxJsonDepth) {
+  bool enter(bool isObject) {
+    if (static_cast<int>(depth_) >= kMaxJsonDepth) {
       tooDeep_ = true;
       return false;
     }
+    if (depth_ == frames_.size()) frames_.emplace_back();
+    frames_[depth_++].isObject = isObject;
     return true;
   }
   bool add(Value v) {
-    if (frames_.empty()) {
+    if (depth_ == 0) {
       root_ = std::move(v);
-    } else if (frames_.back().isObject) {
-      frames_.back().dict.insert_or_assign(std::move(frames_.back().key), std::move(v));
+      return true;
+    }
+    Frame& f = frames_[depth_ - 1];
+    if (f.isObject) {
+      f.entries.emplace_back(std::move(f.key), std::move(v));
     } else {
-      frames_.back().items.push_back(std::move(v));
+      f.items.push_back(std::move(v));
     }
     return true;
   }
 
   std::vector<Frame> frames_;
+  std::size_t depth_ = 0;  // frames in use
   Value root_;
   bool tooDeep_ = false;
   std::size_t errorPosition_ = 0;

@@ -134,6 +134,7 @@ std::optional<Value> FilePowerMonitor::reportEnergy(const void* /*selector*/) {
 std::optional<Value> FilePowerMonitor::reportFromJson(const Value& fileContent) {
   if (!fileContent.isDictionary()) return std::nullopt;
   Value::Dictionary report;
+  report.reserve(3);
   if (const Value* capacity = fileContent.find("BLMBatteryCapacity");
       capacity != nullptr && capacity->isNumber()) {
     report.emplace("BLMBatteryCapacity", *capacity);
@@ -148,6 +149,7 @@ std::optional<Value> FilePowerMonitor::reportFromJson(const Value& fileContent) 
     kept.reserve(entries->asArray().size());
     for (const Value& entry : entries->asArray()) {
       Value::Dictionary fields;
+      fields.reserve(3);
       if (const Value* id = entry.find("bundleID"); id != nullptr && id->isString()) {
         fields.emplace("bundleID", *id);
       }

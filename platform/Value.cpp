@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cmath>
+#include <iterator>
 #include <limits>
 
 namespace kelo {
@@ -57,11 +58,24 @@ Value Value::date(double secondsSince1970) {
   return Value(Storage(std::in_place_index<5>, Date{secondsSince1970}));
 }
 Value Value::array(Array items) {
+  if (items.capacity() != items.size()) {
+    Array exact;
+    exact.reserve(items.size());
+    std::move(items.begin(), items.end(), std::back_inserter(exact));
+    items.swap(exact);
+  }
   return Value(Storage(std::in_place_index<6>, std::make_shared<const Array>(std::move(items))));
 }
 Value Value::dictionary(Dictionary entries) {
+  // The shared block first, then the entries, allocated afresh at their exact size: a reader
+  // goes from the one to the other forwards in memory, and the dictionaries of a report built
+  // one after another lie one after another. Read backwards, as when the entries' buffer came
+  // first, a large report read at half the speed.
+  auto shared = std::make_shared<Dictionary>();
+  shared->entries_.reserve(entries.size());
+  std::move(entries.entries_.begin(), entries.entries_.end(), std::back_inserter(shared->entries_));
   return Value(
-      Storage(std::in_place_index<7>, std::make_shared<const Dictionary>(std::move(entries))));
+      Storage(std::in_place_index<7>, std::shared_ptr<const Dictionary>(std::move(shared))));
 }
 Value Value::error(std::string message, std::string file, int line, int column) {
   return Value(Storage(std::in_place_index<8>,

@@ -4,7 +4,11 @@
 
 #include <cmath>
 #include <limits>
+#include <map>
+#include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/Json.h"
 
@@ -51,6 +55,62 @@ TEST(ValueTest, TypedAccessGivesNeutralValuesForOtherTypes) {
   EXPECT_FALSE(Value::date(12.5) == Value::real(12.5));
 }
 
+// Against an ordered map as the reference, through the small sizes that look entries up one by
+// one and the large ones that search by halves: the same entries, in the same order, after a
+// random mix of insertions, replacements and erasures.
+TEST(ValueTest, DictionaryBehavesAsAnOrderedMap) {
+  for (const int keySpace : {6, 300}) {
+    std::mt19937 random(static_cast<unsigned>(keySpace));
+    std::uniform_int_distribution<int> pick(0, keySpace - 1);
+    Value::Dictionary d;
+    std::map<std::string, Value> reference;
+    for (int step = 0; step < 4000; ++step) {
+      const std::string key = "k" + std::to_string(pick(random) * 7919 % keySpace);
+      const Value value = Value::integer(step);
+      switch (step % 4) {
+        case 0:
+          EXPECT_EQ(d.emplace(key, value).second, reference.emplace(key, value).second);
+          break;
+        case 1:
+          EXPECT_EQ(d.insert_or_assign(key, value).second,
+                    reference.insert_or_assign(key, value).second);
+          break;
+        case 2:
+          EXPECT_EQ(d.erase(key), reference.erase(key));
+          break;
+        default:
+          d[key] = value;
+          reference[key] = value;
+      }
+      const auto found = d.find(key);
+      ASSERT_EQ(found != d.end(), reference.count(key) == 1) << key;
+      if (found != d.end()) {
+        ASSERT_EQ(found->second, reference.at(key)) << key;
+      }
+    }
+    ASSERT_TRUE(std::equal(
+        d.begin(), d.end(), reference.begin(), reference.end(),
+        [](const auto& a, const auto& b) { return a.first == b.first && a.second == b.second; }));
+    const Value wrapped = Value::dictionary(d);
+    for (const auto& [key, value] : reference) EXPECT_EQ(*wrapped.find(key), value) << key;
+    EXPECT_EQ(wrapped.find("absent"), nullptr);
+    EXPECT_EQ(wrapped.asDictionary(), d);
+  }
+}
+
+TEST(ValueTest, DictionaryBuiltFromUnsortedEntriesKeepsTheLastOfEqualKeys) {
+  const Value::Dictionary d = Value::Dictionary::fromUnsorted({{"b", Value::integer(1)},
+                                                               {"a", Value::integer(2)},
+                                                               {"b", Value::integer(3)},
+                                                               {"c", Value::integer(4)},
+                                                               {"a", Value::integer(5)}});
+  EXPECT_EQ(d, (Value::Dictionary{
+                   {"a", Value::integer(5)}, {"b", Value::integer(3)}, {"c", Value::integer(4)}}));
+  // The initialiser list keeps the first, as an ordered map's does.
+  EXPECT_EQ((Value::Dictionary{{"a", Value::integer(1)}, {"a", Value::integer(2)}}).at("a"),
+            Value::integer(1));
+}
+
 TEST(JsonTest, ReadsAndWritesEveryKindOfValue) {
   const Value v = parseJson(
       R"({"i": 5, "r": 2.5, "b": true, "s": "x", "n": null, "a": [1, "two"], "d": {"k": -1},
@@ -70,6 +130,23 @@ TEST(JsonTest, ReadsAndWritesEveryKindOfValue) {
   EXPECT_EQ(parseJson(platform::toJson(parseJson(text), true)), parseJson(text));
   // Invalid UTF-8 is replaced, not thrown.
   EXPECT_FALSE(parseJson(platform::toJson(Value::string("a\xff" "b"))).isError());
+}
+
+// Objects at the same depth are read one after another with the same buffers: nothing of one
+// may reach the next. Keys come out sorted whatever their order in the file, and a repeated key
+// keeps its last value.
+TEST(JsonTest, ObjectsKeepTheirOwnEntriesInKeyOrder) {
+  const Value v = parseJson(
+      R"({"z": {"y": 1, "x": 2, "y": 3}, "a": [{"q": 1, "p": [2, 3]}, {"r": 4}, {}],
+          "m": {"n": {"o": 5}}, "b": {"k": 6}})");
+  ASSERT_TRUE(v.isDictionary());
+  EXPECT_EQ(platform::toJson(v),
+            R"({"a":[{"p":[2,3],"q":1},{"r":4},{}],"b":{"k":6},"m":{"n":{"o":5}},)"
+            R"("z":{"x":2,"y":3}})");
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : v.asDictionary()) keys.push_back(key);
+  EXPECT_EQ(keys, (std::vector<std::string>{"a", "b", "m", "z"}));
+  EXPECT_EQ(v.find("a")->asArray()[1].asDictionary().size(), 1u);
 }
 
 TEST(JsonTest, MalformedInputIsAnErrorNamingFileLineAndColumn) {
