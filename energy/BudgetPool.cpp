@@ -1,7 +1,9 @@
 #include "kelo/BudgetPool.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <functional>
+#include <memory>
 #include <new>
 #include <string_view>
 
@@ -26,47 +28,114 @@ int64_t wrapSub(int64_t a, int64_t b) {
 // A pool's records in order of creation, found through an open-addressing index whose entries
 // hold the upper 32 bits of the key's hash and the record's position plus one (0: free).
 //
-// Why not a node-based map: a large pool outgrows the caches, and a refresh charges a report's
-// applications in much the order in which they were first charged. Here such a refresh, and
-// every walk, visits the records and their keys front to back in memory, and the index is
-// probed only when the order changes. Guarded by the pool's mutex.
+// Why not a node-based map, nor one heap object per record: a large pool outgrows the caches, and
+// a refresh charges a report's applications in much the order in which they were first charged.
+// So the records sit by value in blocks of consecutive positions, each beside the place of its
+// key, whose characters follow one another in one buffer: a refresh in the usual order, and every
+// walk, reads blocks and characters front to back, and the index is probed only when the order
+// changes. A block never moves once made, so a record keeps its address while the pool grows; the
+// handles findPoolResource gives out share their block, so a record outlives the pool while
+// someone holds it. Guarded by the pool's mutex.
 class BudgetPool::Items {
  public:
-  struct Slot {
-    std::string key;
-    std::shared_ptr<PoolResource> record;
-  };
-
-  // The record of `key`, created zeroed if absent. The reference lives until the next creation.
-  const std::shared_ptr<PoolResource>& findOrAdd(const std::string& key, int64_t limit) {
+  // The position of the record of `key`, created zeroed if absent.
+  std::size_t findOrAdd(std::string_view key, int64_t limit) {
     // A report that lists its applications in the same order as the previous one finds each
     // record right after the last one, without probing the index.
-    if (next_ < slots_.size() && slots_[next_].key == key) return slots_[next_++].record;
+    if (next_ < size_ && keyAt(next_) == key) return next_++;
     const uint64_t hash = std::hash<std::string_view>{}(key);
     const auto tag = static_cast<uint32_t>(hash >> 32);
-    if ((slots_.size() + 1) * 2 > index_.size()) grow();
+    if ((size_ + 1) * 2 > index_.size()) grow();
     const std::size_t mask = index_.size() - 1;
     for (std::size_t i = tag & mask;; i = (i + 1) & mask) {
       const uint64_t entry = index_[i];
       if (entry == 0) {
-        slots_.push_back(Slot{key, std::make_shared<PoolResource>(limit)});
-        index_[i] = (uint64_t{tag} << 32) | slots_.size();
-        next_ = slots_.size();
-        return slots_.back().record;
+        add(key, limit);
+        index_[i] = (uint64_t{tag} << 32) | size_;
+        next_ = size_;
+        return next_ - 1;
       }
       if (static_cast<uint32_t>(entry >> 32) == tag) {
         const std::size_t position = (entry & 0xffffffffu) - 1;
-        if (slots_[position].key == key) {
+        if (keyAt(position) == key) {
           next_ = position + 1;
-          return slots_[position].record;
+          return position;
         }
       }
     }
   }
 
-  const std::vector<Slot>& slots() const { return slots_; }
+  // A handle on the record at `position` that keeps its block alive.
+  std::shared_ptr<PoolResource> share(std::size_t position) const {
+    return std::shared_ptr<PoolResource>(blocks_[position / kBlockRecords], &record(position));
+  }
+
+  std::size_t size() const { return size_; }
+  std::string_view keyAt(std::size_t position) const {
+    const Block::Slot& slot = blocks_[position / kBlockRecords]->slot(position % kBlockRecords);
+    return std::string_view(characters_.data() + slot.keyOffset, slot.keyLength);
+  }
+  PoolResource& record(std::size_t position) const {
+    return blocks_[position / kBlockRecords]->at(position % kBlockRecords);
+  }
+  // Calls f(record) for every record, in order of creation.
+  template <class F>
+  void forEach(F&& f) const {
+    std::size_t left = size_;
+    for (const std::shared_ptr<Block>& block : blocks_) {
+      const std::size_t n = std::min(left, kBlockRecords);
+      for (std::size_t i = 0; i < n; ++i) f(block->at(i));
+      left -= n;
+    }
+  }
 
  private:
+  // 256 records of 32 bytes: two pages' worth.
+  static constexpr std::size_t kBlockRecords = 256;
+
+  // Room for kBlockRecords records with their keys' places, filled one by one as the pool grows.
+  class Block {
+   public:
+    struct Slot {
+      std::size_t keyOffset;  // in characters_
+      std::size_t keyLength;
+      alignas(PoolResource) unsigned char record[sizeof(PoolResource)];
+    };
+
+    Block() {}  // slots are written as they are filled
+    Block(const Block&) = delete;
+    Block& operator=(const Block&) = delete;
+    ~Block() {
+      for (std::size_t i = 0; i < made_; ++i) at(i).~PoolResource();
+    }
+    void make(std::size_t keyOffset, std::size_t keyLength, int64_t limit) {
+      Slot& s = slots_[made_];
+      s.keyOffset = keyOffset;
+      s.keyLength = keyLength;
+      new (s.record) PoolResource(limit);
+      ++made_;
+    }
+    const Slot& slot(std::size_t i) const { return slots_[i]; }
+    PoolResource& at(std::size_t i) {
+      return *std::launder(reinterpret_cast<PoolResource*>(slots_[i].record));
+    }
+
+   private:
+    std::size_t made_ = 0;
+    Slot slots_[kBlockRecords];
+  };
+
+  void add(std::string_view key, int64_t limit) {
+    // Everything that may fail to allocate comes first, so that a failure adds nothing.
+    if (characters_.size() + key.size() > characters_.capacity()) {
+      characters_.reserve(std::max(characters_.capacity() * 2, characters_.size() + key.size()));
+    }
+    if (size_ % kBlockRecords == 0) blocks_.push_back(std::make_shared<Block>());
+    blocks_.back()->make(characters_.size(), key.size(), limit);
+    characters_.append(key);
+    ++size_;
+  }
+
   // Keeps the index at most half full, so that probes stay short.
   void grow() {
     std::vector<uint64_t> bigger(std::max<std::size_t>(16, index_.size() * 2), 0);
@@ -80,9 +149,11 @@ class BudgetPool::Items {
     index_.swap(bigger);
   }
 
-  std::vector<Slot> slots_;
+  std::vector<std::shared_ptr<Block>> blocks_;
+  std::size_t size_ = 0;         // records
+  std::string characters_;       // every key, one after another
   std::vector<uint64_t> index_;  // size a power of two (or 0)
-  std::size_t next_ = 0;         // the slot after the one found or added last
+  std::size_t next_ = 0;         // the position after the one found or added last
 };
 
 BudgetPool::BudgetPool(int64_t globalLimit, int64_t andItemLimit, int32_t withBudgetMode)
@@ -100,7 +171,7 @@ BudgetPool::~BudgetPool() = default;
 
 std::shared_ptr<PoolResource> BudgetPool::findPoolResource(const std::string& key) {
   std::lock_guard<std::mutex> lock(itemsMutex_);
-  return itemsDictionary_->findOrAdd(key, itemPoolLimit_);
+  return itemsDictionary_->share(itemsDictionary_->findOrAdd(key, itemPoolLimit_));
 }
 
 bool BudgetPool::hasGlobalPoolReachedLimit() const {
@@ -120,7 +191,8 @@ bool BudgetPool::hasBudgetAvailable(const std::string& key) {
 void BudgetPool::UpdateBudget(const std::string& key, int64_t withCost) {
   // One lookup under the lock, which a charge never logs under.
   std::lock_guard<std::mutex> lock(itemsMutex_);
-  PoolResource* record = itemsDictionary_->findOrAdd(key, itemPoolLimit_).get();
+  PoolResource* record =
+      &itemsDictionary_->record(itemsDictionary_->findOrAdd(key, itemPoolLimit_));
   if (budgetMode_ == kCumulative) {
     const int64_t diff = wrapSub(withCost, record->currentItemPoolValue());
     currentGlobalPool_.fetch_add(diff, std::memory_order_relaxed);  // atomics wrap, never trap
@@ -135,43 +207,42 @@ void BudgetPool::UpdateBudget(const std::string& key, int64_t withCost) {
 void BudgetPool::resetAllPoolLimits() {
   currentGlobalPool_.store(0, std::memory_order_relaxed);
   std::lock_guard<std::mutex> lock(itemsMutex_);
-  for (const Items::Slot& slot : itemsDictionary_->slots()) slot.record->setCurrentItemPoolValue(0);
+  itemsDictionary_->forEach([](PoolResource& r) { r.setCurrentItemPoolValue(0); });
 }
 
 void BudgetPool::resetAllDiff() {
   std::lock_guard<std::mutex> lock(itemsMutex_);
-  for (const Items::Slot& slot : itemsDictionary_->slots()) slot.record->setCurrentItemPoolDiff(0);
+  itemsDictionary_->forEach([](PoolResource& r) { r.setCurrentItemPoolDiff(0); });
 }
 
 int64_t BudgetPool::totalBudget() const {
   std::lock_guard<std::mutex> lock(itemsMutex_);
   int64_t sum = 0;
-  for (const Items::Slot& slot : itemsDictionary_->slots()) {
-    sum = wrapAdd(sum, slot.record->currentItemPoolValue());
-  }
+  itemsDictionary_->forEach(
+      [&sum](const PoolResource& r) { sum = wrapAdd(sum, r.currentItemPoolValue()); });
   return sum;
 }
 
 int64_t BudgetPool::totalDiffBudget() const {
   std::lock_guard<std::mutex> lock(itemsMutex_);
   int64_t sum = 0;
-  for (const Items::Slot& slot : itemsDictionary_->slots()) {
-    sum = wrapAdd(sum, slot.record->currentItemPoolDiff());
-  }
+  itemsDictionary_->forEach(
+      [&sum](const PoolResource& r) { sum = wrapAdd(sum, r.currentItemPoolDiff()); });
   return sum;
 }
 
 std::size_t BudgetPool::itemCount() const {
   std::lock_guard<std::mutex> lock(itemsMutex_);
-  return itemsDictionary_->slots().size();
+  return itemsDictionary_->size();
 }
 
 std::vector<std::pair<std::string, std::shared_ptr<PoolResource>>> BudgetPool::snapshot() const {
   std::lock_guard<std::mutex> lock(itemsMutex_);
   std::vector<std::pair<std::string, std::shared_ptr<PoolResource>>> records;
-  records.reserve(itemsDictionary_->slots().size());
-  for (const Items::Slot& slot : itemsDictionary_->slots())
-    records.emplace_back(slot.key, slot.record);
+  records.reserve(itemsDictionary_->size());
+  for (std::size_t i = 0; i < itemsDictionary_->size(); ++i) {
+    records.emplace_back(itemsDictionary_->keyAt(i), itemsDictionary_->share(i));
+  }
   return records;
 }
 

@@ -120,6 +120,18 @@ TEST_F(BudgetPoolTest, ManyItemsKeepTheirOwnRecordsInAnyOrder) {
   EXPECT_EQ(pool.currentGlobalPool(), pool.totalBudget());
 }
 
+TEST_F(BudgetPoolTest, ARecordOutlivesItsPool) {
+  std::shared_ptr<PoolResource> kept;
+  {
+    BudgetPool pool(0, 0, BudgetPool::kCumulative);
+    for (int i = 0; i < 600; ++i) pool.UpdateBudget("com.example.app" + std::to_string(i), i);
+    kept = pool.findPoolResource("com.example.app300");
+  }
+  EXPECT_EQ(kept->currentItemPoolValue(), 300);
+  kept->setCurrentItemPoolDiff(7);
+  EXPECT_EQ(kept->currentItemPoolDiff(), 7);
+}
+
 TEST_F(BudgetPoolTest, ArithmeticWrapsAtTheLimitsOf64Bits) {
   BudgetPool cumulative(0, 0, BudgetPool::kCumulative);
   charge(cumulative, {{"A", INT64_MAX}, {"A", INT64_MIN}});
