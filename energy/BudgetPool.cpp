@@ -23,6 +23,10 @@ int64_t wrapSub(int64_t a, int64_t b) {
   return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
 }
 
+// Records per block of a pool: 256 of 32 bytes, two pages' worth. At namespace scope, not a
+// member, so that no data symbol of the exported class leaves the library.
+constexpr std::size_t kBlockRecords = 256;
+
 }  // namespace
 
 // A pool's records in order of creation, found through an open-addressing index whose entries
@@ -90,9 +94,6 @@ class BudgetPool::Items {
   }
 
  private:
-  // 256 records of 32 bytes: two pages' worth.
-  static constexpr std::size_t kBlockRecords = 256;
-
   // Room for kBlockRecords records with their keys' places, filled one by one as the pool grows.
   class Block {
    public:
