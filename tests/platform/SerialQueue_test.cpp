@@ -67,11 +67,13 @@ TEST(SerialQueueTest, PostsBeyondTheRingWaitTheirTurnEvenFromTheQueuesOwnTask) {
   SerialQueue queue("test.overflow");
   std::vector<int> order;  // queue only
   std::atomic<int> posted{0};
+  std::atomic<bool> selfPosted{false};
   queue.post([&] {
     // Holds the worker until the ring is full and spilling, then posts to its own queue: that
     // post must neither block nor overtake the ones already waiting.
     while (posted.load() < kPosts) std::this_thread::yield();
     queue.post([&] { order.push_back(-1); });
+    selfPosted = true;
   });
   std::thread second([&] {
     for (int i = 0; i < kPosts / 2; ++i) {
@@ -84,6 +86,7 @@ TEST(SerialQueueTest, PostsBeyondTheRingWaitTheirTurnEvenFromTheQueuesOwnTask) {
     posted.fetch_add(1);
   }
   second.join();
+  while (!selfPosted.load()) std::this_thread::yield();
   queue.sync([] {});
   ASSERT_EQ(order.size(), static_cast<size_t>(kPosts + 1));
   EXPECT_EQ(order.back(), -1);
