@@ -6,6 +6,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <cmath>
 #include <cstdio>
 #include <map>
@@ -62,34 +66,75 @@ class LineBuffer {
   LineBuffer& operator=(const LineBuffer&) = delete;
 
   void append(const char* data, size_t size) {
-    if (heap_.empty() && length_ + size <= kStackLine) {
+    if (__builtin_expect(onStack_ && length_ + size <= kStackLine, 1)) {
       memcpy(stack_ + length_, data, size);
       length_ += size;
       return;
     }
-    if (heap_.empty()) heap_.assign(stack_, length_);
-    heap_.append(data, size);
-    length_ = heap_.size();
+    appendToHeap(data, size);
   }
   void append(char c) { append(&c, 1); }
 
-  const char* data() const { return heap_.empty() ? stack_ : heap_.data(); }
+  const char* data() const { return onStack_ ? stack_ : heap_.data(); }
   size_t size() const { return length_; }
 
  private:
+  __attribute__((noinline)) void appendToHeap(const char* data, size_t size) {
+    if (onStack_) {
+      heap_.assign(stack_, length_);
+      onStack_ = false;
+    }
+    heap_.append(data, size);
+    length_ = heap_.size();
+  }
+
   char stack_[kStackLine];
   size_t length_ = 0;
+  bool onStack_ = true;
   std::string heap_;
 };
 
-// True when one of the eight bytes is below 0x20 or is 0x7f (exact, bytes from 0x80 included):
-// lines rarely hold a control character, so they are scanned a word at a time.
-inline bool wordHasControl(uint64_t w) {
-  constexpr uint64_t kOnes = 0x0101010101010101ULL;
-  constexpr uint64_t kHigh = 0x8080808080808080ULL;
-  const uint64_t below = (w - kOnes * 0x20) & ~w & kHigh;
-  const uint64_t del = w ^ (kOnes * 0x7f);
-  return ((below | ((del - kOnes) & ~del & kHigh))) != 0;
+// The positions of control characters (below 0x20, and 0x7f) among the 16 bytes at `p`, one bit
+// each; bytes from 0x80 up are not control characters. Lines rarely hold one, so they are
+// scanned 16 bytes at a time.
+inline uint32_t controlBits16(const char* p) {
+#if defined(__SSE2__)
+  const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  const __m128i printable = _mm_cmpeq_epi8(_mm_max_epu8(x, _mm_set1_epi8(0x20)), x);
+  const __m128i del = _mm_cmpeq_epi8(x, _mm_set1_epi8(0x7f));
+  return (~static_cast<uint32_t>(_mm_movemask_epi8(printable)) & 0xffffu) |
+         static_cast<uint32_t>(_mm_movemask_epi8(del));
+#else
+  uint32_t bits = 0;
+  for (int i = 0; i < 16; ++i) {
+    const auto c = static_cast<unsigned char>(p[i]);
+    if (c < 0x20 || c == 0x7f) bits |= 1u << i;
+  }
+  return bits;
+#endif
+}
+
+inline bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+// The position of the first control character in text[from, size), or size.
+size_t findControl(const char* text, size_t from, size_t size) {
+  size_t i = from;
+  for (; i + 16 <= size; i += 16) {
+    if (const uint32_t bits = controlBits16(text + i); bits != 0) {
+      return i + static_cast<size_t>(__builtin_ctz(bits));
+    }
+  }
+  if (i == size) return size;
+  if (size >= 16) {
+    // The last 16 bytes, overlapping what was scanned already.
+    const size_t base = size - 16;
+    const uint32_t bits = controlBits16(text + base) & (~0u << (i - base));
+    return bits != 0 ? base + static_cast<size_t>(__builtin_ctz(bits)) : size;
+  }
+  for (; i < size; ++i) {
+    if (isControl(static_cast<unsigned char>(text[i]))) return i;
+  }
+  return size;
 }
 
 // Control characters would split or garble the line: the common ones become their C escapes,
@@ -97,21 +142,10 @@ inline bool wordHasControl(uint64_t w) {
 void appendEscaped(LineBuffer& out, const char* text, size_t size) {
   static constexpr char kHex[] = "0123456789abcdef";
   size_t runStart = 0;
-  size_t i = 0;
-  while (i < size) {
-    if (i + sizeof(uint64_t) <= size) {
-      uint64_t word;
-      memcpy(&word, text + i, sizeof word);
-      if (!wordHasControl(word)) {
-        i += sizeof word;
-        continue;
-      }
-    }
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    ++i;
-    if (c >= 0x20 && c != 0x7f) continue;
-    out.append(text + runStart, i - 1 - runStart);
-    runStart = i;
+  for (size_t at = findControl(text, 0, size); at < size; at = findControl(text, runStart, size)) {
+    out.append(text + runStart, at - runStart);
+    runStart = at + 1;
+    const unsigned char c = static_cast<unsigned char>(text[at]);
     switch (c) {
       case '\n':
         out.append("\\n", 2);
@@ -131,7 +165,11 @@ void appendEscaped(LineBuffer& out, const char* text, size_t size) {
   out.append(text + runStart, size - runStart);
 }
 
-void appendTimeStamp(vsl_client_s& client, LineBuffer& out) {
+// Longest time stamp: "YYYY-MM-DD HH:MM:SS.uuuuuu +0000".
+constexpr size_t kTimeStampMax = 32;
+
+// Writes the current time stamp into `out` and returns its length.
+size_t formatTimeStamp(vsl_client_s& client, char* out) {
   double t = kelo::platform::now();
   if (!std::isfinite(t) || t < -1e15 || t > 1e15) t = 0;
   long long second = static_cast<long long>(t);  // toward zero; floor below
@@ -151,21 +189,22 @@ void appendTimeStamp(vsl_client_s& client, LineBuffer& out) {
                    utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min,
                    utc.tm_sec);
     }
-    if (n <= 0 || static_cast<size_t>(n) >= sizeof client.cachedDate) {
+    if (n <= 0 || static_cast<size_t>(n) + 12 > kTimeStampMax) {
       n = snprintf(client.cachedDate, sizeof client.cachedDate, "0000-00-00 00:00:00.");
     }
     client.cachedDateLength = static_cast<size_t>(n);
     client.cachedSecond = second;
     client.cacheValid = true;
   }
-  out.append(client.cachedDate, client.cachedDateLength);
-  char digits[6];
+  char* p = out;
+  memcpy(p, client.cachedDate, client.cachedDateLength);
+  p += client.cachedDateLength;
   for (int i = 5; i >= 0; --i) {
-    digits[i] = static_cast<char>('0' + micros % 10);
+    p[i] = static_cast<char>('0' + micros % 10);
     micros /= 10;
   }
-  out.append(digits, sizeof digits);
-  out.append(" +0000", 6);
+  memcpy(p + 6, " +0000", 6);
+  return client.cachedDateLength + 12;
 }
 
 // Writes the whole buffer: a write interrupted by a signal is retried and a short one completed.
@@ -190,22 +229,50 @@ bool levelPasses(int level, int mask) {
   return level >= 0 && level < kLevelCount && (mask & (1 << level)) != 0;
 }
 
-void writeLine(vsl_client_s& client, int level, const char* text, size_t textSize) {
-  LineBuffer line;
-  appendTimeStamp(client, line);
-  line.append(client.process.data(), client.process.size());
-  line.append(kLevelNames[level].data(), kLevelNames[level].size());
-  appendEscaped(line, text, textSize);
-  line.append('\n');
+void writeOutputs(vsl_client_s& client, int level, const char* line, size_t size) {
   for (vsl_client_s::Output& o : client.outputs) {
     if (!levelPasses(level, o.mask)) continue;
     if (o.torn) {
       if (writeFully(o.fd, "\n", 1) != 1) continue;  // still no room: this line is dropped too
       o.torn = false;
     }
-    const size_t written = writeFully(o.fd, line.data(), line.size());
-    o.torn = written > 0 && written < line.size();
+    const size_t written = writeFully(o.fd, line, size);
+    o.torn = written > 0 && written < size;
   }
+}
+
+// A line with control characters to escape, or too long for the stack.
+__attribute__((noinline)) void writeEscapedLine(vsl_client_s& client, int level, const char* text,
+                                                size_t textSize) {
+  LineBuffer line;
+  char stamp[kTimeStampMax];
+  line.append(stamp, formatTimeStamp(client, stamp));
+  line.append(client.process.data(), client.process.size());
+  line.append(kLevelNames[level].data(), kLevelNames[level].size());
+  appendEscaped(line, text, textSize);
+  line.append('\n');
+  writeOutputs(client, level, line.data(), line.size());
+}
+
+void writeLine(vsl_client_s& client, int level, const char* text, size_t textSize) {
+  const std::string_view levelName = kLevelNames[level];
+  const size_t size =
+      kTimeStampMax + client.process.size() + levelName.size() + textSize + 1;
+  if (size > kStackLine || findControl(text, 0, textSize) != textSize) {
+    writeEscapedLine(client, level, text, textSize);
+    return;
+  }
+  // The common line: printable text that fits on the stack, copied as it is.
+  char line[kStackLine];
+  char* p = line + formatTimeStamp(client, line);
+  memcpy(p, client.process.data(), client.process.size());
+  p += client.process.size();
+  memcpy(p, levelName.data(), levelName.size());
+  p += levelName.size();
+  memcpy(p, text, textSize);
+  p += textSize;
+  *p++ = '\n';
+  writeOutputs(client, level, line, static_cast<size_t>(p - line));
 }
 
 // Kept out of the plain "%s" path, so that path's frame stays small.

@@ -123,6 +123,27 @@ TEST_F(SystemLogTest, ControlCharactersAreEscapedSoOneCallIsOneLine) {
   EXPECT_EQ(files_->writesTo(fd), static_cast<int>(lines.size()));
 }
 
+// Lines are scanned in blocks: a control character must be found wherever it falls relative to
+// the blocks, including one or two of them in the last, partial block.
+TEST_F(SystemLogTest, ControlCharactersAreFoundAtEveryPositionOfEveryLength) {
+  attach("scan.log");
+  std::vector<std::string> expected;
+  for (size_t length = 1; length <= 40; ++length) {
+    for (size_t at = 0; at < length; ++at) {
+      std::string text(length, 'a');
+      text[at] = '\x01';
+      std::string written = text.substr(0, at) + "\\x01" + text.substr(at + 1);
+      if (at + 2 < length) {
+        text[at + 2] = '\t';
+        written = text.substr(0, at) + "\\x01a\\t" + text.substr(at + 3);
+      }
+      vsl_log(client_, nullptr, 6, "%s", text.c_str());
+      expected.push_back("<Info>: " + written);
+    }
+  }
+  EXPECT_EQ(lineBodies(paths_[0]), expected);
+}
+
 TEST_F(SystemLogTest, OneWritePerLineCompletedOrDroppedWithoutStoppingTheCaller) {
   const int broken = attach("broken.log");
   const int good = attach("good.log");
