@@ -141,21 +141,25 @@ bool SerialQueue::tryRunInline(Task* task, void (*fn)(void*), void* context) {
                                         std::memory_order_relaxed)) {
     return false;
   }
-  const uint64_t head = head_.load(std::memory_order_relaxed);
-  const bool idle = !hasWork(head);
-  if (idle) {
-    FrameScope scope(this);
-    if (task != nullptr) {
-      (*task)();
-    } else {
-      fn(context);
+  // Lets go of the queue however the task ends, a throwing one included.
+  struct Release {
+    SerialQueue* queue;
+    uint64_t head;
+    ~Release() {
+      queue->running_.store(0, std::memory_order_seq_cst);
+      // Posts that arrived meanwhile (or that made the queue busy) went unnoticed by a worker
+      // that could not take over from us.
+      if (queue->hasWork(head)) queue->wakeWorker();
     }
+  } release{this, head_.load(std::memory_order_relaxed)};
+  if (hasWork(release.head)) return false;
+  FrameScope scope(this);
+  if (task != nullptr) {
+    (*task)();
+  } else {
+    fn(context);
   }
-  running_.store(0, std::memory_order_seq_cst);
-  // Posts that arrived meanwhile (or that made the queue busy) went unnoticed by a worker that
-  // could not take over from us.
-  if (hasWork(head)) wakeWorker();
-  return idle;
+  return true;
 }
 
 void SerialQueue::runOrPost(Task task) {

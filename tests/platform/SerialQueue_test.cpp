@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -132,20 +133,13 @@ TEST(SerialQueueTest, IdleSyncAndRunOrPostRunInlineAndPostsMadeThereStillRun) {
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
-TEST(SerialQueueTest, BusySyncWaitsItsTurnOnTheWorker) {
-  SerialQueue queue("test.busy");
-  std::atomic<bool> release{false};
-  queue.post([&] {
-    while (!release.load()) std::this_thread::yield();
-  });
-  std::thread releaser([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    release = true;
-  });
-  std::thread::id ranOn;
-  queue.sync([&] { ranOn = std::this_thread::get_id(); });
-  releaser.join();
-  EXPECT_NE(ranOn, std::this_thread::get_id());
+TEST(SerialQueueTest, ATaskThrowingOnTheCallersThreadLetsGoOfTheQueue) {
+  SerialQueue queue("test.throw");
+  EXPECT_THROW(queue.sync([] { throw std::runtime_error("task failed"); }), std::runtime_error);
+  std::atomic<bool> ran{false};
+  queue.post([&] { ran = true; });
+  queue.sync([] {});
+  EXPECT_TRUE(ran.load());
 }
 
 TEST(SerialQueueDeathTest, SyncFromItsOwnTaskDiesNamingTheLabel) {
