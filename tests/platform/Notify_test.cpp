@@ -16,7 +16,7 @@
 
 #include "kelo/stats.h"
 #include "platform/SerialQueue.h"
-#include "tests/platform/ChildProcess.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Sandbox.h"
 
 namespace kelo::platform {

@@ -1,15 +1,7 @@
-#include <spawn.h>
-#include <sys/wait.h>
-
-#include <cstdlib>
-#include <string>
-#include <vector>
-
 #include "kelo/stats.h"
 #include "platform/Notify.h"
 #include "tests/stats/StatsTesting.h"
-
-extern char** environ;
+#include "tests/support/ChildProcess.h"
 
 namespace kelo::test {
 namespace {
@@ -73,33 +65,14 @@ TEST_F(ReportsTest, EachTypeReachesItsSumsAndOthersAreOnlyLogged) {
                                "notification rcv on type 3, data 4, pw 5"}));
 }
 
-// Run only as the child of the next test: reports one download from a separate process.
-TEST(ReportsChild, DISABLED_SendsOneReport) {
-  const char* root = std::getenv("KELO_TEST_REPORT_ROOT");
-  ASSERT_NE(root, nullptr);
-  platform::Overrides o;
-  o.deviceRoot = o.homeDirectory = root;
-  platform::installOverrides(o);
-  reportCumuBackgroundDownload(4242, 17);
-}
-
 TEST_F(ReportsTest, AReportFromAnotherProcessArrives) {
   startCycle();
-  std::vector<std::string> args = {"/proc/self/exe",
-                                   "--gtest_filter=ReportsChild.DISABLED_SendsOneReport",
-                                   "--gtest_also_run_disabled_tests"};
-  std::vector<std::string> env = {"KELO_TEST_REPORT_ROOT=" + sandbox_.rootPath()};
-  for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
-  std::vector<char*> argv, envp;
-  for (std::string& a : args) argv.push_back(a.data());
-  for (std::string& e : env) envp.push_back(e.data());
-  argv.push_back(nullptr);
-  envp.push_back(nullptr);
-  pid_t pid = 0;
-  ASSERT_EQ(::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), envp.data()), 0);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ChildProcess reporter([] {
+    reportCumuBackgroundDownload(4242, 17);
+    return 0;
+  });
+  reporter.go();
+  ASSERT_EQ(reporter.wait(), 0);
   ASSERT_TRUE(waitForDownloads(1));
   EXPECT_EQ(stats().snapshot().avgDownloadsize, 4242);
   EXPECT_EQ(stats().snapshot().avgPWConsumed, 17);

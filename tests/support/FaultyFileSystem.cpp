@@ -6,25 +6,19 @@
 #include <utility>
 
 namespace kelo::test {
+namespace {
+
+int failed(int error) {
+  errno = error;
+  return -1;
+}
+
+}  // namespace
 
 const char* FaultyFileSystem::name(Op op) {
-  switch (op) {
-    case Op::kOpen:
-      return "open";
-    case Op::kWrite:
-      return "write";
-    case Op::kFsync:
-      return "fsync";
-    case Op::kClose:
-      return "close";
-    case Op::kRename:
-      return "rename";
-    case Op::kMkdir:
-      return "mkdir";
-    case Op::kUnlink:
-      return "unlink";
-  }
-  return "?";
+  static const char* const kNames[] = {"open", "write", "fsync", "close", "rename", "mkdir",
+                                       "unlink"};
+  return kNames[static_cast<int>(op)];
 }
 
 void FaultyFileSystem::fail(Op op, int error, std::string pathPart, size_t shortWriteBytes) {
@@ -42,12 +36,6 @@ void FaultyFileSystem::beforeStep(int step, std::function<void(Op, const std::st
   step_ = 0;
   hookStep_ = step;
   hook_ = std::move(hook);
-  trace_.clear();
-}
-
-std::vector<std::string> FaultyFileSystem::trace() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return trace_;
 }
 
 std::string FaultyFileSystem::pathOf(int fd) const {
@@ -62,21 +50,14 @@ int FaultyFileSystem::enter(Op op, const std::string& path, const std::string& o
   int error = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    ++step_;
-    trace_.push_back(std::string(name(op)) + " " + path);
-    if (hook_ && step_ == hookStep_) hook = hook_;
+    if (hook_ && ++step_ == hookStep_) hook = hook_;
     for (Fault& f : faults_) {
-      if (f.op != op) continue;
-      if (!f.pathPart.empty() && path.find(f.pathPart) == std::string::npos &&
-          other.find(f.pathPart) == std::string::npos) {
+      if (f.op != op || (!f.pathPart.empty() && path.find(f.pathPart) == std::string::npos &&
+                         other.find(f.pathPart) == std::string::npos)) {
         continue;
       }
       error = f.error;
-      if (shortWrite != nullptr) {
-        // Only the first write finds room; every later one finds the disk full.
-        *shortWrite = f.shortWriteBytes;
-        f.shortWriteBytes = 0;
-      }
+      if (shortWrite != nullptr) *shortWrite = std::exchange(f.shortWriteBytes, 0);
       break;
     }
   }
@@ -85,77 +66,52 @@ int FaultyFileSystem::enter(Op op, const std::string& path, const std::string& o
 }
 
 int FaultyFileSystem::open(const char* path, int flags, mode_t mode) {
-  if (const int error = enter(Op::kOpen, path, "", nullptr); error != 0) {
-    errno = error;
-    return -1;
-  }
+  if (const int error = enter(Op::kOpen, path); error != 0) return failed(error);
   const int fd = FileSystem::open(path, flags, mode);
-  if (fd >= 0) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    paths_[fd] = path;
-  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (fd >= 0) paths_[fd] = path;
   return fd;
 }
 
 ssize_t FaultyFileSystem::write(int fd, const void* data, size_t size) {
   size_t allowed = 0;
-  if (const int error = enter(Op::kWrite, pathOf(fd), "", &allowed); error != 0) {
-    // The bytes that still fit go through; the write after them finds the disk full.
-    if (allowed > 0 && size > 0) {
-      const ssize_t n = FileSystem::write(fd, data, std::min(size, allowed));
-      if (n > 0) return n;
-    }
-    errno = error;
-    return -1;
-  }
-  return FileSystem::write(fd, data, size);
+  const int error = enter(Op::kWrite, pathOf(fd), "", &allowed);
+  if (error == 0) return FileSystem::write(fd, data, size);
+  // The bytes that still fit go through; the write after them finds the disk full.
+  const ssize_t n = allowed > 0 && size > 0 ? FileSystem::write(fd, data, std::min(size, allowed))
+                                            : 0;
+  return n > 0 ? n : failed(error);
 }
 
 int FaultyFileSystem::fsync(int fd) {
-  if (const int error = enter(Op::kFsync, pathOf(fd), "", nullptr); error != 0) {
-    errno = error;
-    return -1;
-  }
-  return FileSystem::fsync(fd);
+  const int error = enter(Op::kFsync, pathOf(fd));
+  return error != 0 ? failed(error) : FileSystem::fsync(fd);
 }
 
 int FaultyFileSystem::close(int fd) {
-  const int error = enter(Op::kClose, pathOf(fd), "", nullptr);
+  const int error = enter(Op::kClose, pathOf(fd));
   {
     std::lock_guard<std::mutex> lock(mutex_);
     paths_.erase(fd);
   }
   // A failed close still releases the descriptor, as close(2) does.
   const int rc = FileSystem::close(fd);
-  if (error != 0) {
-    errno = error;
-    return -1;
-  }
-  return rc;
+  return error != 0 ? failed(error) : rc;
 }
 
 int FaultyFileSystem::rename(const char* from, const char* to) {
-  if (const int error = enter(Op::kRename, from, to, nullptr); error != 0) {
-    errno = error;
-    return -1;
-  }
-  return FileSystem::rename(from, to);
+  const int error = enter(Op::kRename, from, to);
+  return error != 0 ? failed(error) : FileSystem::rename(from, to);
 }
 
 int FaultyFileSystem::mkdir(const char* path, mode_t mode) {
-  if (const int error = enter(Op::kMkdir, path, "", nullptr); error != 0) {
-    errno = error;
-    return -1;
-  }
-  return FileSystem::mkdir(path, mode);
+  const int error = enter(Op::kMkdir, path);
+  return error != 0 ? failed(error) : FileSystem::mkdir(path, mode);
 }
 
 int FaultyFileSystem::unlink(const char* path) {
-  if (const int error = enter(Op::kUnlink, path, "", nullptr); error != 0) {
-    errno = error;
-    return -1;
-  }
-  return FileSystem::unlink(path);
+  const int error = enter(Op::kUnlink, path);
+  return error != 0 ? failed(error) : FileSystem::unlink(path);
 }
 
 }  // namespace kelo::test

@@ -32,8 +32,6 @@ class FaultyFileSystem : public kelo::platform::FileSystem {
   // Runs `hook` before operation number `step` (counted from 1 across every operation, from
   // this call on), with the operation and its path. The hook may end the process.
   void beforeStep(int step, std::function<void(Op, const std::string&)> hook);
-  // The operations seen since the last beforeStep (or since creation), with their paths.
-  std::vector<std::string> trace() const;
 
   int open(const char* path, int flags, mode_t mode) override;
   ssize_t write(int fd, const void* data, size_t size) override;
@@ -52,7 +50,8 @@ class FaultyFileSystem : public kelo::platform::FileSystem {
   };
   // Counts the step, runs the hook when due, and returns the fault that applies (errno to set,
   // 0 for none). Must be called without mutex_ held.
-  int enter(Op op, const std::string& path, const std::string& other, size_t* shortWrite);
+  int enter(Op op, const std::string& path, const std::string& other = "",
+            size_t* shortWrite = nullptr);
   std::string pathOf(int fd) const;
 
   mutable std::mutex mutex_;
@@ -61,7 +60,6 @@ class FaultyFileSystem : public kelo::platform::FileSystem {
   int step_ = 0;
   int hookStep_ = 0;
   std::function<void(Op, const std::string&)> hook_;
-  std::vector<std::string> trace_;
 };
 
 }  // namespace kelo::test

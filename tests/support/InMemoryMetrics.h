@@ -1,5 +1,5 @@
 // A metrics sink that remembers every operation, in order, for tests to inspect. Install it
-// through Sandbox::install({.metrics = sink}). Thread-safe.
+// through Sandbox::install with Overrides::metrics. Thread-safe.
 #ifndef KELO_TESTS_SUPPORT_INMEMORYMETRICS_H_
 #define KELO_TESTS_SUPPORT_INMEMORYMETRICS_H_
 
@@ -23,18 +23,35 @@ class InMemoryMetrics : public kelo::platform::MetricsSink {
     bool operator==(const Entry&) const = default;
   };
 
-  void setValue(const std::string& key, int64_t value) override;
-  void addValue(const std::string& key, int64_t value) override;
+  void setValue(const std::string& key, int64_t value) override { record({Op::kSet, key, value}); }
+  void addValue(const std::string& key, int64_t value) override { record({Op::kAdd, key, value}); }
 
-  std::vector<Entry> entries() const;
-  // The operations recorded for `key`, in order.
-  std::vector<Entry> entriesFor(const std::string& key) const;
+  std::vector<Entry> entries() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return entries_;
+  }
   // What the service would hold for `key` after the recorded operations (sums wrap at 64
   // bits), or nullopt if the key was never written.
-  std::optional<int64_t> valueOf(const std::string& key) const;
-  void clear();
+  std::optional<int64_t> valueOf(const std::string& key) const {
+    std::optional<int64_t> value;
+    for (const Entry& e : entries()) {
+      if (e.key != key) continue;
+      value = e.op == Op::kSet ? e.value
+                               : static_cast<int64_t>(static_cast<uint64_t>(value.value_or(0)) +
+                                                      static_cast<uint64_t>(e.value));
+    }
+    return value;
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    entries_.clear();
+  }
 
  private:
+  void record(Entry e) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    entries_.push_back(std::move(e));
+  }
   mutable std::mutex mutex_;
   std::vector<Entry> entries_;  // guarded by mutex_
 };
