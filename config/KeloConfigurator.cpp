@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "config/ConfigKeys.h"
 #include "config/ConfigStore.h"
@@ -110,11 +111,14 @@ void KeloConfigurator::loadBundleConfigurationsLocked() {
   const Value whitelist = bundle ? bundle->objectForInfoDictionaryKey("whitelist") : Value();
 
   if (!blacklist.asArray().empty()) {
-    auto blackMap = std::make_shared<Value::Dictionary>(*appBlackMap());
+    const std::shared_ptr<const Value::Dictionary> previous = appBlackMap();
+    std::vector<Value::Dictionary::value_type> entries(previous->begin(), previous->end());
     for (const Value& entry : blacklist.asArray()) {
       // Only strings name applications; anything else cannot be a key of the map.
-      if (entry.isString()) blackMap->insert_or_assign(entry.asString(), Value::boolean(true));
+      if (entry.isString()) entries.emplace_back(entry.asString(), Value::boolean(true));
     }
+    auto blackMap =
+        std::make_shared<Value::Dictionary>(Value::Dictionary::fromUnsorted(std::move(entries)));
     std::lock_guard<std::mutex> lock(snapshotMutex_);
     appBlackMap_ = std::move(blackMap);
   }

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -192,9 +193,26 @@ class Value::Dictionary {
   std::pair<iterator, bool> insert(value_type entry) {
     return try_emplace(std::move(entry.first), std::move(entry.second));
   }
+  // Inserts the entries whose keys are absent; of entries with equal keys the first is kept. A
+  // long range is merged in one sort, so that building a large dictionary stays O(n log n).
   template <class InputIt>
   void insert(InputIt first, InputIt last) {
-    for (; first != last; ++first) try_emplace(first->first, first->second);
+    std::vector<value_type> added;
+    for (; first != last; ++first) added.emplace_back(first->first, first->second);
+    if (added.size() < kLinearLookup * 4) {
+      for (value_type& entry : added) try_emplace(std::move(entry.first), std::move(entry.second));
+      return;
+    }
+    // The present entries first: a stable sort keeps them ahead of added ones with equal keys.
+    added.insert(added.begin(), std::make_move_iterator(entries_.begin()),
+                 std::make_move_iterator(entries_.end()));
+    std::stable_sort(added.begin(), added.end(),
+                     [](const value_type& a, const value_type& b) { return a.first < b.first; });
+    added.erase(
+        std::unique(added.begin(), added.end(),
+                    [](const value_type& a, const value_type& b) { return a.first == b.first; }),
+        added.end());
+    entries_ = std::move(added);
   }
   // Insert, or replace the value of an existing key; the bool tells whether it was inserted.
   template <class K, class M>

@@ -109,6 +109,17 @@ TEST(ValueTest, DictionaryBuiltFromUnsortedEntriesKeepsTheLastOfEqualKeys) {
   // The initialiser list keeps the first, as an ordered map's does.
   EXPECT_EQ((Value::Dictionary{{"a", Value::integer(1)}, {"a", Value::integer(2)}}).at("a"),
             Value::integer(1));
+  // So does a long range inserted into a dictionary that already holds some of its keys.
+  std::vector<std::pair<std::string, Value>> range;
+  for (int i = 0; i < 500; ++i)
+    range.emplace_back("k" + std::to_string(i * 37 % 211), Value::integer(i));
+  Value::Dictionary merged{{"k5", Value::string("kept")}, {"zz", Value()}};
+  std::map<std::string, Value> reference(merged.begin(), merged.end());
+  merged.insert(range.begin(), range.end());
+  reference.insert(range.begin(), range.end());
+  EXPECT_TRUE(std::equal(
+      merged.begin(), merged.end(), reference.begin(), reference.end(),
+      [](const auto& a, const auto& b) { return a.first == b.first && a.second == b.second; }));
 }
 
 TEST(JsonTest, ReadsAndWritesEveryKindOfValue) {
@@ -129,7 +140,9 @@ TEST(JsonTest, ReadsAndWritesEveryKindOfValue) {
   EXPECT_EQ(platform::toJson(parseJson(text)), text);
   EXPECT_EQ(parseJson(platform::toJson(parseJson(text), true)), parseJson(text));
   // Invalid UTF-8 is replaced, not thrown.
-  EXPECT_FALSE(parseJson(platform::toJson(Value::string("a\xff" "b"))).isError());
+  EXPECT_FALSE(parseJson(platform::toJson(Value::string("a\xff"
+                                                        "b")))
+                   .isError());
 }
 
 // Objects at the same depth are read one after another with the same buffers: nothing of one
@@ -163,8 +176,8 @@ TEST(JsonTest, MalformedInputIsAnErrorNamingFileLineAndColumn) {
 }
 
 TEST(JsonTest, NestingPastTheBoundIsRefusedWithItsPosition) {
-  const std::string ok = std::string(platform::kMaxJsonDepth, '[') +
-                         std::string(platform::kMaxJsonDepth, ']');
+  const std::string ok =
+      std::string(platform::kMaxJsonDepth, '[') + std::string(platform::kMaxJsonDepth, ']');
   EXPECT_FALSE(parseJson(ok).isError());
   EXPECT_TRUE(parseJson("[" + ok + "]").isError());
   const Value v = parseJson("\n" + std::string(100000, '['), "deep.json");
