@@ -108,54 +108,37 @@ TEST_F(CLoggingFrontTest, LinesAreCutTo511BytesAndConsoleLogIsNoFormat) {
   EXPECT_FALSE(Sandbox::exists(simplePath()));
 }
 
-struct MaskCase {
-  uint64_t mask;
-  bool detailedOn, simpleOn;
-};
-
-class MaskTest : public CLoggingFrontTest, public ::testing::WithParamInterface<MaskCase> {};
-
-TEST_P(MaskTest, LineGoesToEachSelectedLoggerThatIsOnDetailedFirst) {
-  const MaskCase c = GetParam();
+// Every mask against every pair of switches: the line goes to each selected logger that is on,
+// detailed first, and the arguments are evaluated whenever either logger is on.
+TEST_F(CLoggingFrontTest, MaskSendsTheLineToEachSelectedLoggerThatIsOnDetailedFirst) {
   KeloLogger::instance();
-  switchLoggers(c.detailedOn, c.simpleOn);
-  EXPECT_EQ(kelo_clog_gate, c.detailedOn ? 1 : 0);
-  EXPECT_EQ(kelo_clog_mask_gate, c.detailedOn || c.simpleOn ? 1 : 0);
-  int evaluated = 0;
-  KELO_CLOG_MASK(c.mask, "mask %llu n=%d", static_cast<unsigned long long>(c.mask), ++evaluated);
-  drain();
-
-  const bool toDetailed = c.detailedOn && (c.mask & 1) != 0;
-  const bool toSimple = c.simpleOn && (c.mask & 2) != 0;
-  const std::vector<std::string> line{"mask " + std::to_string(c.mask) + " n=1"};
-  EXPECT_EQ(texts(detailedPath()), toDetailed ? line : std::vector<std::string>{});
-  EXPECT_EQ(texts(simplePath()), toSimple ? line : std::vector<std::string>{});
-  // Arguments are evaluated (and the line formatted) whenever either logger is on.
-  EXPECT_EQ(evaluated, c.detailedOn || c.simpleOn ? 1 : 0);
-
-  std::vector<std::string> expectedWrites;
-  if (toDetailed) expectedWrites.push_back(detailedPath());
-  if (toSimple) expectedWrites.push_back(simplePath());
-  EXPECT_EQ(files_->writtenPaths(), expectedWrites);
-}
-
-std::vector<MaskCase> allMaskCases() {
-  std::vector<MaskCase> cases;
-  for (uint64_t mask : {0ULL, 1ULL, 2ULL, 3ULL, 0xFFFFFFFFFFFFFFFCULL}) {
-    for (bool detailed : {false, true}) {
-      for (bool simple : {false, true}) cases.push_back({mask, detailed, simple});
+  std::vector<std::string> toDetailed, toSimple, writes;
+  for (const uint64_t mask : {0ULL, 1ULL, 2ULL, 3ULL, 0xFFFFFFFFFFFFFFFCULL}) {
+    for (const int on : {0, 1, 2, 3}) {
+      const bool detailedOn = (on & 1) != 0, simpleOn = (on & 2) != 0;
+      switchLoggers(detailedOn, simpleOn);
+      EXPECT_EQ(kelo_clog_gate, detailedOn ? 1 : 0);
+      EXPECT_EQ(kelo_clog_mask_gate, detailedOn || simpleOn ? 1 : 0);
+      int evaluated = 0;
+      KELO_CLOG_MASK(mask, "mask %llu on %d n=%d", static_cast<unsigned long long>(mask), on,
+                     ++evaluated);
+      EXPECT_EQ(evaluated, on != 0 ? 1 : 0) << mask << " " << on;
+      const std::string line = "mask " + std::to_string(mask) + " on " + std::to_string(on) + " n=1";
+      if (detailedOn && (mask & 1) != 0) {
+        toDetailed.push_back(line);
+        writes.push_back(detailedPath());
+      }
+      if (simpleOn && (mask & 2) != 0) {
+        toSimple.push_back(line);
+        writes.push_back(simplePath());
+      }
     }
   }
-  return cases;
+  drain();
+  EXPECT_EQ(texts(detailedPath()), toDetailed);
+  EXPECT_EQ(texts(simplePath()), toSimple);
+  EXPECT_EQ(files_->writtenPaths(), writes);
 }
-
-INSTANTIATE_TEST_SUITE_P(AllCombinations, MaskTest, ::testing::ValuesIn(allMaskCases()),
-                         [](const auto& info) {
-                           const MaskCase& c = info.param;
-                           return "Mask" + std::to_string(c.mask & 0xFF) +
-                                  (c.detailedOn ? "_DetailedOn" : "_DetailedOff") +
-                                  (c.simpleOn ? "_SimpleOn" : "_SimpleOff");
-                         });
 
 TEST_F(CLoggingFrontTest, EightThreadsGiveExactlyTheLinesSentNoneTorn) {
   KeloLogger::instance();
