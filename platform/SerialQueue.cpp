@@ -17,25 +17,6 @@ namespace kelo::platform {
 
 namespace {
 
-// The queues whose tasks the current thread is running, innermost first. Inline execution can
-// nest (a task of one queue running another queue's task inline), hence a chain.
-struct Frame {
-  const SerialQueue* queue;
-  const Frame* outer;
-};
-thread_local const Frame* tCurrentFrame = nullptr;
-
-class FrameScope {
- public:
-  explicit FrameScope(const SerialQueue* q) : frame_{q, tCurrentFrame} { tCurrentFrame = &frame_; }
-  ~FrameScope() { tCurrentFrame = frame_.outer; }
-  FrameScope(const FrameScope&) = delete;
-  FrameScope& operator=(const FrameScope&) = delete;
-
- private:
-  Frame frame_;
-};
-
 inline void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_ia32_pause();
@@ -65,6 +46,8 @@ constexpr int kSpinsBeforeYield = 64;
 
 }  // namespace
 
+thread_local const SerialQueue::Frame* SerialQueue::current_ = nullptr;
+
 SerialQueue::SerialQueue(std::string label)
     : label_(std::move(label)), ring_(std::make_unique<Slot[]>(kRingSize)) {}
 
@@ -83,7 +66,7 @@ SerialQueue::~SerialQueue() {
 }
 
 bool SerialQueue::isCurrent() const {
-  for (const Frame* f = tCurrentFrame; f != nullptr; f = f->outer) {
+  for (const Frame* f = current_; f != nullptr; f = f->outer) {
     if (f->queue == this) return true;
   }
   return false;
@@ -135,40 +118,46 @@ bool SerialQueue::hasWork(uint64_t head) const {
   return tail_.load(std::memory_order_seq_cst) != head;
 }
 
-bool SerialQueue::tryRunInline(Task* task, void (*fn)(void*), void* context) {
+bool SerialQueue::claimIdle(Frame& frame) {
   uint32_t expected = 0;
   if (!running_.compare_exchange_strong(expected, 1, std::memory_order_seq_cst,
                                         std::memory_order_relaxed)) {
     return false;
   }
-  // Lets go of the queue however the task ends, a throwing one included.
-  struct Release {
-    SerialQueue* queue;
-    uint64_t head;
-    ~Release() {
-      queue->running_.store(0, std::memory_order_seq_cst);
-      // Posts that arrived meanwhile (or that made the queue busy) went unnoticed by a worker
-      // that could not take over from us.
-      if (queue->hasWork(head)) queue->wakeWorker();
-    }
-  } release{this, head_.load(std::memory_order_relaxed)};
-  if (hasWork(release.head)) return false;
-  FrameScope scope(this);
-  if (task != nullptr) {
-    (*task)();
-  } else {
-    fn(context);
+  // Idle only if nothing is queued either: posts made before this call run first.
+  if (hasWork(head_.load(std::memory_order_relaxed))) {
+    running_.store(0, std::memory_order_seq_cst);
+    wakeWorker();  // it may have found the queue held and be waiting for us
+    return false;
   }
+  frame.outer = current_;
+  current_ = &frame;
   return true;
 }
 
+void SerialQueue::releaseClaim(const Frame& frame) {
+  current_ = frame.outer;
+  running_.store(0, std::memory_order_seq_cst);
+  // Posts that arrived meanwhile went unnoticed by a worker that could not take over from us.
+  if (hasWork(head_.load(std::memory_order_relaxed))) wakeWorker();
+}
+
 void SerialQueue::runOrPost(Task task) {
-  if (!tryRunInline(&task, nullptr, nullptr)) post(std::move(task));
+  if (Frame frame{this, nullptr}; claimIdle(frame)) {
+    const Claim claim{this, &frame};
+    task();
+    return;
+  }
+  post(std::move(task));
 }
 
 void SerialQueue::syncImpl(void (*fn)(void*), void* context) {
   if (isCurrent()) abortSelfWait();
-  if (tryRunInline(nullptr, fn, context)) return;
+  if (Frame frame{this, nullptr}; claimIdle(frame)) {  // it may have gone idle meanwhile
+    const Claim claim{this, &frame};
+    fn(context);
+    return;
+  }
   std::atomic<uint32_t> done{0};
   post([fn, context, &done] {
     fn(context);
@@ -284,10 +273,10 @@ void SerialQueue::workerLoop() {
       waitForRelease();
       continue;
     }
-    {
-      FrameScope scope(this);
-      drain();
-    }
+    const Frame frame{this, current_};
+    current_ = &frame;
+    drain();
+    current_ = frame.outer;
     running_.store(0, std::memory_order_release);
   }
 }

@@ -39,6 +39,13 @@ class SerialQueue {
 
   template <class F>
   void sync(F&& f) {
+    // On an idle queue the task runs right here, in the caller's own frame: a task that ends in
+    // a system call (a log line's write) then returns through as few frames as possible.
+    if (Frame frame{this, nullptr}; claimIdle(frame)) {
+      const Claim claim{this, &frame};
+      f();
+      return;
+    }
     auto call = [&f] { f(); };
     using Call = decltype(call);
     syncImpl([](void* c) { (*static_cast<Call*>(c))(); }, static_cast<void*>(&call));
@@ -63,8 +70,27 @@ class SerialQueue {
   };
   static_assert(sizeof(Slot) == 64, "a slot fills exactly one cache line");
 
+  // One entry of the chain of queues whose tasks the current thread is running (innermost
+  // first): inline execution nests, a task of one queue running another queue's task inline.
+  struct Frame {
+    const SerialQueue* queue;
+    const Frame* outer;
+  };
+  // Makes the calling thread the queue's runner if the queue is idle, and `frame` its innermost
+  // frame; false (and nothing changed) otherwise.
+  bool claimIdle(Frame& frame);
+  // Undoes claimIdle, however the task ended, and hands posts made meanwhile to the worker.
+  void releaseClaim(const Frame& frame);
+  struct Claim {
+    SerialQueue* queue;
+    const Frame* frame;
+    ~Claim() { queue->releaseClaim(*frame); }
+  };
+
+  // The innermost frame of the calling thread.
+  static thread_local const Frame* current_;
+
   void syncImpl(void (*fn)(void*), void* context);
-  bool tryRunInline(Task* task, void (*fn)(void*), void* context);
   bool pushToOverflow(Task& task);
   void wakeWorker();
   bool hasWork(uint64_t head) const;
