@@ -1,14 +1,15 @@
 // The exported C logging functions. Their names are also macros of kelo/logging.h, hence the
 // parentheses around each name below.
-#include "kelo/logging.h"
-
 #include <stdarg.h>
+#include <string.h>
 
 #include <cstdio>
 #include <string>
 
 #include "kelo/KeloLogger.h"
+#include "kelo/logging.h"
 #include "logging/Gates.h"
+#include "logging/LoggerTasks.h"
 
 extern "C" {
 KELO_EXPORT unsigned char kelo_clog_gate = 1;
@@ -44,14 +45,16 @@ extern "C" void(KELO_CLOGMODE)(bool mode) {
 
 extern "C" void(KELO_CLOG)(const char* format, ...) {
   try {
-    if (!KeloLogger::instance()->canWriteToFile() || format == nullptr) return;
+    KeloLogger* const detailed = KeloLogger::instance();
+    if (!detailed->canWriteToFile() || format == nullptr) return;
     char line[kLineSize];
     va_list args;
     va_start(args, format);
     const int n = std::vsnprintf(line, sizeof line, format, args);
     va_end(args);
     if (n < 0) return;
-    KeloLogger::instance()->logToFileCString(line);
+    // The line written from this frame: see logging/LoggerTasks.h.
+    kelo::logging::LoggerTasks::writeLine(*detailed, 6, line, strlen(line));
   } catch (...) {
   }
 }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "logging/Gates.h"
+#include "logging/LoggerTasks.h"
 #include "platform/Facts.h"
 #include "platform/FileManager.h"
 #include "platform/SerialQueue.h"
@@ -77,21 +78,6 @@ std::string sealedProcessName() {
 }
 
 }  // namespace
-
-namespace logging {
-
-// The work of the logger's queue. A friend rather than private members, so that none of it is
-// exported with the class.
-class LoggerTasks {
- public:
-  static void openLiveFile(KeloLogger& l);
-  static void closeLiveFile(KeloLogger& l);
-  static void writeDump(KeloLogger& l);
-  static void writeLine(KeloLogger& l, int level, const char* text);
-  static void setCanWriteToFile(KeloLogger& l, bool value);
-};
-
-}  // namespace logging
 
 using logging::LoggerTasks;
 
@@ -176,15 +162,15 @@ void KeloLogger::dumpAllLogs() {
 }
 
 void KeloLogger::logToFile(const std::string& message) {
-  LoggerTasks::writeLine(*this, 6, message.c_str());
+  LoggerTasks::writeLine(*this, 6, message.c_str(), strlen(message.c_str()));
 }
 
 void KeloLogger::logToFileCString(const char* message) {
-  LoggerTasks::writeLine(*this, 6, message);
+  LoggerTasks::writeLine(*this, 6, message, message != nullptr ? strlen(message) : 0);
 }
 
 void KeloLogger::logToFileCStringSimpleDebug(const char* message) {
-  LoggerTasks::writeLine(*this, 7, message);
+  LoggerTasks::writeLine(*this, 7, message, message != nullptr ? strlen(message) : 0);
 }
 
 void LoggerTasks::openLiveFile(KeloLogger& l) {
@@ -249,13 +235,6 @@ void LoggerTasks::writeDump(KeloLogger& l) {
   }
   platform::fileSystem().close(fd);
   vsl_close(client);
-}
-
-void LoggerTasks::writeLine(KeloLogger& l, int level, const char* text) {
-  l.logQueue_->sync([&] {
-    if (l.fd_ == 0 || text == nullptr) return;
-    vsl_log(l.log_client_, l.log_msg_, level, "%s", text);
-  });
 }
 
 void LoggerTasks::setCanWriteToFile(KeloLogger& l, bool value) {

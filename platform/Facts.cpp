@@ -6,10 +6,12 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -20,12 +22,8 @@
 namespace kelo::platform {
 
 FileSystem::~FileSystem() = default;
-int FileSystem::open(const char* path, int flags, mode_t mode) {
-  return ::open(path, flags, mode);
-}
-ssize_t FileSystem::write(int fd, const void* data, size_t size) {
-  return ::write(fd, data, size);
-}
+int FileSystem::open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+ssize_t FileSystem::write(int fd, const void* data, size_t size) { return ::write(fd, data, size); }
 int FileSystem::fsync(int fd) { return ::fsync(fd); }
 int FileSystem::close(int fd) { return ::close(fd); }
 int FileSystem::rename(const char* from, const char* to) { return ::rename(from, to); }
@@ -122,6 +120,23 @@ double now() {
   return std::chrono::duration<double>(since).count();
 }
 
+WallTime wallTime() {
+  const State& s = state();
+  if (!s.overrides.clock) {
+    struct timespec ts;
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    return {static_cast<long long>(ts.tv_sec), ts.tv_nsec / 1000};
+  }
+  double t = s.overrides.clock();
+  if (!std::isfinite(t) || t < -1e15 || t > 1e15) t = 0;
+  long long second = static_cast<long long>(t);  // toward zero; floor below
+  if (static_cast<double>(second) > t) --second;
+  long micros = static_cast<long>((t - static_cast<double>(second)) * 1e6);
+  if (micros < 0) micros = 0;
+  if (micros > 999999) micros = 999999;
+  return {second, micros};
+}
+
 const std::string& processName() { return state().processName; }
 const std::string& homeDirectory() { return state().homeDirectory; }
 const std::string& deviceRoot() { return state().deviceRoot; }
@@ -178,6 +193,7 @@ void systemLog(int priority, const char* line) {
 }
 
 FileSystem& fileSystem() { return *state().fileSystem; }
+FileSystem* installedFileSystem() { return state().overrides.fileSystem.get(); }
 
 std::shared_ptr<PowerMonitor> installedPowerMonitor() { return state().overrides.powerMonitor; }
 std::shared_ptr<MetricsSink> installedMetricsSink() { return state().overrides.metrics; }

@@ -14,6 +14,13 @@ namespace kelo::platform {
 
 // Seconds since 1970.
 double now();
+// now() as whole seconds (rounded down) and microseconds, read without floating point when the
+// clock is the system's.
+struct WallTime {
+  long long seconds;
+  long micros;  // 0 to 999999
+};
+WallTime wallTime();
 const std::string& processName();
 const std::string& homeDirectory();
 const std::string& deviceRoot();
@@ -26,6 +33,8 @@ std::string hardwareModel();
 // One line to the system log at a syslog(3) priority (LOG_ERR for the console log).
 void systemLog(int priority, const char* line);
 FileSystem& fileSystem();
+// The installed file system, or null when the default (the system calls themselves) is in use.
+FileSystem* installedFileSystem();
 // The installed power monitor and metrics sink, or null when the default is in use.
 std::shared_ptr<PowerMonitor> installedPowerMonitor();
 std::shared_ptr<MetricsSink> installedMetricsSink();

@@ -10,7 +10,6 @@
 #include <emmintrin.h>
 #endif
 
-#include <cmath>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -21,42 +20,11 @@
 
 #include "kelo/vsl.h"
 #include "platform/Facts.h"
+#include "platform/SystemLogLine.h"
 
-struct vsl_msg_s {
-  uint32_t type;
-};
-
-struct vsl_client_s {
-  struct Output {
-    int fd;
-    int mask;
-    // The last line was cut short by a failed write (a full disk): the next line first ends it,
-    // so that it is not glued to the fragment.
-    bool torn = false;
-  };
-  std::string ident;
-  std::string facility;
-  uint32_t options = 0;
-  std::string process;  // " ident[pid] ", fixed at vsl_open
-  std::vector<Output> outputs;
-  // The formatted "YYYY-MM-DD HH:MM:SS." of `cachedSecond`: most lines fall in the same second
-  // as the previous one, and calendar conversion is the costly part of a time stamp.
-  long long cachedSecond = 0;
-  bool cacheValid = false;
-  char cachedDate[32] = {};
-  size_t cachedDateLength = 0;
-};
+namespace kelo::platform::vsl {
 
 namespace {
-
-constexpr int kLevelCount = 8;
-constexpr int kAllLevels = (1 << kLevelCount) - 1;
-constexpr std::string_view kLevelNames[kLevelCount] = {
-    "<Emergency>: ", "<Alert>: ", "<Critical>: ", "<Error>: ",
-    "<Warning>: ",   "<Notice>: ", "<Info>: ",    "<Debug>: "};
-
-// Room for a typical line without touching the heap; longer ones fall back to a string.
-constexpr size_t kStackLine = 1024;
 
 // A growable output buffer that starts on the caller's stack.
 class LineBuffer {
@@ -116,7 +84,8 @@ inline uint32_t controlBits16(const char* p) {
 
 inline bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
 
-// The position of the first control character in text[from, size), or size.
+}  // namespace
+
 size_t findControl(const char* text, size_t from, size_t size) {
   size_t i = from;
   for (; i + 16 <= size; i += 16) {
@@ -136,6 +105,8 @@ size_t findControl(const char* text, size_t from, size_t size) {
   }
   return size;
 }
+
+namespace {
 
 // Control characters would split or garble the line: the common ones become their C escapes,
 // the others \xNN. Bytes from 0x80 up are UTF-8 and pass untouched.
@@ -165,22 +136,12 @@ void appendEscaped(LineBuffer& out, const char* text, size_t size) {
   out.append(text + runStart, size - runStart);
 }
 
-// Longest time stamp: "YYYY-MM-DD HH:MM:SS.uuuuuu +0000".
-constexpr size_t kTimeStampMax = 32;
+}  // namespace
 
-// Writes the current time stamp into `out` and returns its length.
-size_t formatTimeStamp(vsl_client_s& client, char* out) {
-  double t = kelo::platform::now();
-  if (!std::isfinite(t) || t < -1e15 || t > 1e15) t = 0;
-  long long second = static_cast<long long>(t);  // toward zero; floor below
-  if (static_cast<double>(second) > t) --second;
-  const double whole = static_cast<double>(second);
-  long micros = static_cast<long>((t - whole) * 1e6);
-  if (micros < 0) micros = 0;
-  if (micros > 999999) micros = 999999;
-
-  if (!client.cacheValid || client.cachedSecond != second) {
-    const time_t asTime = static_cast<time_t>(second);
+void formatTimeStamp(vsl_client_s& client, char* out) {
+  const kelo::platform::WallTime now = kelo::platform::wallTime();
+  if (!client.cacheValid || client.cachedSecond != now.seconds) {
+    const time_t asTime = static_cast<time_t>(now.seconds);
     struct tm utc;
     int n = -1;
     if (gmtime_r(&asTime, &utc) != nullptr && utc.tm_year + 1900 >= 0 &&
@@ -189,64 +150,27 @@ size_t formatTimeStamp(vsl_client_s& client, char* out) {
                    utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min,
                    utc.tm_sec);
     }
-    if (n <= 0 || static_cast<size_t>(n) + 12 > kTimeStampMax) {
-      n = snprintf(client.cachedDate, sizeof client.cachedDate, "0000-00-00 00:00:00.");
+    if (n != static_cast<int>(kDateLength)) {
+      snprintf(client.cachedDate, sizeof client.cachedDate, "0000-00-00 00:00:00.");
     }
-    client.cachedDateLength = static_cast<size_t>(n);
-    client.cachedSecond = second;
+    client.cachedSecond = now.seconds;
     client.cacheValid = true;
   }
-  char* p = out;
-  memcpy(p, client.cachedDate, client.cachedDateLength);
-  p += client.cachedDateLength;
+  memcpy(out, client.cachedDate, kDateLength);
+  char* p = out + kDateLength;
+  unsigned micros = static_cast<unsigned>(now.micros);
   for (int i = 5; i >= 0; --i) {
     p[i] = static_cast<char>('0' + micros % 10);
     micros /= 10;
   }
   memcpy(p + 6, " +0000", 6);
-  return client.cachedDateLength + 12;
 }
 
-// Writes the whole buffer: a write interrupted by a signal is retried and a short one completed.
-// Any other failure drops the rest of the line, since the caller must never be stopped by it.
-// Returns the number of bytes written.
-size_t writeFully(int fd, const char* data, size_t size) {
-  kelo::platform::FileSystem& files = kelo::platform::fileSystem();
-  size_t written = 0;
-  while (written < size) {
-    const ssize_t n = files.write(fd, data + written, size - written);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    if (n == 0) break;
-    written += static_cast<size_t>(n);
-  }
-  return written;
-}
-
-bool levelPasses(int level, int mask) {
-  return level >= 0 && level < kLevelCount && (mask & (1 << level)) != 0;
-}
-
-void writeOutputs(vsl_client_s& client, int level, const char* line, size_t size) {
-  for (vsl_client_s::Output& o : client.outputs) {
-    if (!levelPasses(level, o.mask)) continue;
-    if (o.torn) {
-      if (writeFully(o.fd, "\n", 1) != 1) continue;  // still no room: this line is dropped too
-      o.torn = false;
-    }
-    const size_t written = writeFully(o.fd, line, size);
-    o.torn = written > 0 && written < size;
-  }
-}
-
-// A line with control characters to escape, or too long for the stack.
-__attribute__((noinline)) void writeEscapedLine(vsl_client_s& client, int level, const char* text,
-                                                size_t textSize) {
+void writeEscapedLine(vsl_client_s& client, int level, const char* text, size_t textSize) {
   LineBuffer line;
-  char stamp[kTimeStampMax];
-  line.append(stamp, formatTimeStamp(client, stamp));
+  char stamp[kTimeStampLength];
+  formatTimeStamp(client, stamp);
+  line.append(stamp, sizeof stamp);
   line.append(client.process.data(), client.process.size());
   line.append(kLevelNames[level].data(), kLevelNames[level].size());
   appendEscaped(line, text, textSize);
@@ -254,31 +178,17 @@ __attribute__((noinline)) void writeEscapedLine(vsl_client_s& client, int level,
   writeOutputs(client, level, line.data(), line.size());
 }
 
-void writeLine(vsl_client_s& client, int level, const char* text, size_t textSize) {
-  const std::string_view levelName = kLevelNames[level];
-  const size_t size =
-      kTimeStampMax + client.process.size() + levelName.size() + textSize + 1;
-  if (size > kStackLine || findControl(text, 0, textSize) != textSize) {
-    writeEscapedLine(client, level, text, textSize);
-    return;
-  }
-  // The common line: printable text that fits on the stack, copied as it is.
-  char line[kStackLine];
-  char* p = line + formatTimeStamp(client, line);
-  memcpy(p, client.process.data(), client.process.size());
-  p += client.process.size();
-  memcpy(p, levelName.data(), levelName.size());
-  p += levelName.size();
-  memcpy(p, text, textSize);
-  p += textSize;
-  *p++ = '\n';
-  writeOutputs(client, level, line, static_cast<size_t>(p - line));
+namespace {
+
+// writeLine for the formatting path, which has frames enough already.
+__attribute__((noinline)) void writeFormattedLine(vsl_client_s& client, int level, const char* text,
+                                                  size_t textSize) {
+  writeLine(client, level, text, textSize);
 }
 
 // Kept out of the plain "%s" path, so that path's frame stays small.
 __attribute__((noinline, format(printf, 3, 0))) int formatLine(vsl_client_s& client, int level,
-                                                                const char* format,
-                                                                va_list args) {
+                                                               const char* format, va_list args) {
   va_list again;
   va_copy(again, args);
   char formatted[kStackLine];
@@ -289,32 +199,40 @@ __attribute__((noinline, format(printf, 3, 0))) int formatLine(vsl_client_s& cli
   }
   if (static_cast<size_t>(n) < sizeof formatted) {
     va_end(again);
-    writeLine(client, level, formatted, static_cast<size_t>(n));
+    writeFormattedLine(client, level, formatted, static_cast<size_t>(n));
     return 0;
   }
   std::string longText(static_cast<size_t>(n) + 1, '\0');
   vsnprintf(longText.data(), longText.size(), format, again);
   va_end(again);
-  writeLine(client, level, longText.data(), static_cast<size_t>(n));
+  writeFormattedLine(client, level, longText.data(), static_cast<size_t>(n));
   return 0;
 }
 
-__attribute__((format(printf, 3, 0))) int logLine(vsl_client_t client, int level,
-                                                const char* format, va_list args) {
-  if (client == nullptr || format == nullptr) return -1;
-  bool wanted = false;
-  for (const vsl_client_s::Output& o : client->outputs) wanted = wanted || levelPasses(level, o.mask);
-  if (!wanted) return 0;
+__attribute__((always_inline, format(printf, 3, 0))) inline int logLine(vsl_client_t client,
+                                                                        int level,
+                                                                        const char* format,
+                                                                        va_list args) {
+  if (format == nullptr) return -1;
   // The loggers always pass "%s": take the argument as it is instead of formatting it.
   if (format[0] == '%' && format[1] == 's' && format[2] == '\0') {
     const char* text = va_arg(args, const char*);
-    if (text == nullptr) text = "(null)";
-    writeLine(*client, level, text, strlen(text));
-    return 0;
+    return logText(client, level, text, text != nullptr ? strlen(text) : 0);
   }
+  if (client == nullptr) return -1;
+  bool wanted = false;
+  for (const vsl_client_s::Output& o : client->outputs)
+    wanted = wanted || levelPasses(level, o.mask);
+  if (!wanted) return 0;
   return formatLine(*client, level, format, args);
 }
 
+}  // namespace
+
+}  // namespace kelo::platform::vsl
+
+namespace {
+constexpr int kAllLevels = (1 << kelo::platform::vsl::kLevelCount) - 1;
 }  // namespace
 
 extern "C" {
@@ -377,7 +295,7 @@ int vsl_log(vsl_client_t client, vsl_msg_t msg, int level, const char* format, .
   va_start(args, format);
   int result;
   try {
-    result = logLine(client, level, format, args);
+    result = kelo::platform::vsl::logLine(client, level, format, args);
   } catch (...) {
     result = -1;
   }
