@@ -23,7 +23,8 @@ run() {  # name [benchmark arguments...]
 }
 
 run queue_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
-run logging_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+run logging_bench --benchmark_repetitions=6 --benchmark_enable_random_interleaving=true \
+  --benchmark_report_aggregates_only=true
 run config_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 run stats_bench
 run zones_bench
@@ -31,7 +32,7 @@ run report_bench
 # The energy service is one per process and its pools keep every record: one size per process.
 for size in 1000 10000 100000; do
   SUFFIX=-$size run energy_bench --benchmark_filter="BM_RefreshAndRead/$size/" \
-    --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+    --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 done
 
 format=()
