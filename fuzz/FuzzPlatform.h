@@ -16,7 +16,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -146,6 +148,46 @@ inline std::string defaultBundleInfo() {
     fail("the default bundle could not be read from %s", KELO_SOURCE_DIR);
   }
   return text;
+}
+
+// Keeps a fuzzed document's names within a small known set, so that the services' per-name state
+// stays bounded however long the fuzzer runs. Every string of the `listKey` array (or, with
+// `field`, every dictionary entry's `field`) that is not in `known` is replaced by one of them,
+// picked by hash. nullopt when nothing needed replacing.
+template <std::size_t N>
+std::optional<Value> withKnownNames(const Value& document, const char* listKey, const char* field,
+                                    const std::string_view (&known)[N]) {
+  const Value* list = document.find(listKey);
+  if (list == nullptr || !list->isArray()) return std::nullopt;
+  const auto isKnown = [&known](const std::string& name) {
+    for (std::string_view k : known) {
+      if (k == name) return true;
+    }
+    return false;
+  };
+  bool changed = false;
+  Value::Array mapped;
+  for (const Value& entry : list->asArray()) {
+    const Value* name = field != nullptr ? entry.find(field) : &entry;
+    if (name == nullptr || !name->isString() || isKnown(name->asString())) {
+      mapped.push_back(entry);
+      continue;
+    }
+    const Value replacement =
+        Value::string(std::string(known[std::hash<std::string>()(name->asString()) % N]));
+    if (field != nullptr) {
+      Value::Dictionary fields = entry.asDictionary();
+      fields.insert_or_assign(field, replacement);
+      mapped.push_back(Value::dictionary(std::move(fields)));
+    } else {
+      mapped.push_back(replacement);
+    }
+    changed = true;
+  }
+  if (!changed) return std::nullopt;
+  Value::Dictionary top = document.asDictionary();
+  top.insert_or_assign(listKey, Value::array(std::move(mapped)));
+  return Value::dictionary(std::move(top));
 }
 
 }  // namespace kelo::fuzz

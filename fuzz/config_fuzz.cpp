@@ -29,28 +29,6 @@ constexpr const char* kBundle = "/System/Library/Kelo/KeloConfiguration.bundle";
 constexpr std::string_view kNames[] = {
     "com.vorn.Diagnostics", "com.vorn.SetupAssistant", "com.example.app", "", "\xc3\xa9", "a"};
 
-// The document with every unknown blacklist name mapped into kNames; nullopt when it has none.
-std::optional<kelo::Value> withKnownNames(const kelo::Value& document) {
-  const kelo::Value* list = document.find("blacklist");
-  if (list == nullptr || !list->isArray()) return std::nullopt;
-  bool changed = false;
-  kelo::Value::Array mapped;
-  for (const kelo::Value& entry : list->asArray()) {
-    if (!entry.isString() ||
-        std::find(std::begin(kNames), std::end(kNames), entry.asString()) != std::end(kNames)) {
-      mapped.push_back(entry);
-      continue;
-    }
-    const size_t pick = std::hash<std::string>()(entry.asString()) % std::size(kNames);
-    mapped.push_back(kelo::Value::string(std::string(kNames[pick])));
-    changed = true;
-  }
-  if (!changed) return std::nullopt;
-  kelo::Value::Dictionary top = document.asDictionary();
-  top.insert_or_assign("blacklist", kelo::Value::array(std::move(mapped)));
-  return kelo::Value::dictionary(std::move(top));
-}
-
 struct Target {
   std::string bundleFolder;
   std::string infoPath;
@@ -87,7 +65,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Target& t = *gTarget;
   std::string text(reinterpret_cast<const char*>(data), size);
-  if (const std::optional<kelo::Value> mapped = withKnownNames(kelo::platform::parseJson(text))) {
+  if (const std::optional<kelo::Value> mapped = kelo::fuzz::withKnownNames(
+          kelo::platform::parseJson(text), "blacklist", nullptr, kNames)) {
     text = kelo::platform::toJson(*mapped);
   }
   if (!kelo::fuzz::writeFile(t.infoPath, text)) kelo::fuzz::fail("Info.json not written");

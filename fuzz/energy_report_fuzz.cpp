@@ -24,37 +24,6 @@ constexpr std::string_view kApps[] = {
     "com.example.app",   "com.example.mail",      "com.example.news", "com.example.maps", "", "a",
     "\xc3\xa9t\xc3\xa9", "com.example.app.widget"};
 
-bool knownApp(const std::string& id) {
-  for (std::string_view app : kApps) {
-    if (id == app) return true;
-  }
-  return false;
-}
-
-// The report with every unknown identifier mapped into kApps; nullopt when it has none to map.
-std::optional<kelo::Value> withKnownApps(const kelo::Value& report) {
-  const kelo::Value* entries = report.find("BLMEnergyForKelo");
-  if (entries == nullptr || !entries->isArray()) return std::nullopt;
-  bool changed = false;
-  kelo::Value::Array mapped;
-  for (const kelo::Value& entry : entries->asArray()) {
-    const kelo::Value* id = entry.find("bundleID");
-    if (id == nullptr || !id->isString() || knownApp(id->asString())) {
-      mapped.push_back(entry);
-      continue;
-    }
-    kelo::Value::Dictionary fields = entry.asDictionary();
-    const size_t pick = std::hash<std::string>()(id->asString()) % std::size(kApps);
-    fields.insert_or_assign("bundleID", kelo::Value::string(std::string(kApps[pick])));
-    mapped.push_back(kelo::Value::dictionary(std::move(fields)));
-    changed = true;
-  }
-  if (!changed) return std::nullopt;
-  kelo::Value::Dictionary top = report.asDictionary();
-  top.insert_or_assign("BLMEnergyForKelo", kelo::Value::array(std::move(mapped)));
-  return kelo::Value::dictionary(std::move(top));
-}
-
 struct Target {
   std::string reportPath;
   kelo::AmpvexStub* stub = nullptr;
@@ -91,7 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Target& t = *gTarget;
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   const kelo::Value parsed = kelo::platform::parseJson(text);
-  if (const std::optional<kelo::Value> mapped = withKnownApps(parsed)) {
+  if (const std::optional<kelo::Value> mapped =
+          kelo::fuzz::withKnownNames(parsed, "BLMEnergyForKelo", "bundleID", kApps)) {
     if (!kelo::fuzz::writeFile(t.reportPath, kelo::platform::toJson(*mapped))) {
       kelo::fuzz::fail("the report not written");
     }

@@ -29,6 +29,12 @@ namespace {
 
 constexpr size_t kLineSize = 512;
 
+// The line as vsnprintf makes it, cut to the buffer; false when the format cannot be applied.
+__attribute__((format(printf, 2, 0))) bool formatInto(char (&line)[kLineSize], const char* format,
+                                                      va_list args) {
+  return std::vsnprintf(line, kLineSize, format, args) >= 0;
+}
+
 }  // namespace
 
 using kelo::KeloLogger;
@@ -50,9 +56,9 @@ extern "C" void(KELO_CLOG)(const char* format, ...) {
     char line[kLineSize];
     va_list args;
     va_start(args, format);
-    const int n = std::vsnprintf(line, sizeof line, format, args);
+    const bool formatted = formatInto(line, format, args);
     va_end(args);
-    if (n < 0) return;
+    if (!formatted) return;
     // The line written from this frame: see logging/LoggerTasks.h.
     kelo::logging::LoggerTasks::writeLine(*detailed, 6, line, strlen(line));
   } catch (...) {
@@ -69,9 +75,9 @@ extern "C" void(KELO_CLOG_MASK)(uint64_t mask, const char* format, ...) {
     char line[kLineSize];
     va_list args;
     va_start(args, format);
-    const int n = std::vsnprintf(line, sizeof line, format, args);
+    const bool formatted = formatInto(line, format, args);
     va_end(args);
-    if (n < 0) return;
+    if (!formatted) return;
     if (KeloLogger* detailed = KeloLogger::instance(0);
         detailed != nullptr && detailed->canWriteToFile() && (mask & 1) != 0) {
       detailed->logToFileCString(line);
