@@ -33,13 +33,17 @@ constexpr int kIdlePolls = 1000;
 constexpr int kPausesPerPoll = 2;
 constexpr int kPollsPerFlagCheck = 16;
 
-// A worker that ran out of published slots waits this many polls for the next one before it
-// reads tail_: a poster in a tight loop then keeps its line.
-constexpr int kGatherPolls = 8;
-constexpr int kGatherPauses = 8;
-
 // How many slots ahead a poster asks for the line it will write.
 constexpr uint64_t kPrefetchAhead = 8;
+
+// How long the worker lets posts gather after it caught up, in pauses (about 30 ns each here).
+constexpr int kGatherPauses = 16;
+
+// How long a caller waits for a worker finishing its last task, in pauses (some microseconds).
+constexpr int kClaimSpins = 256;
+
+// How long a post-and-wait on a busy queue polls for its task before it sleeps, in pauses.
+constexpr int kWaitSpins = 512;
 
 // A slot claimed but not yet published: its poster was interrupted between the two steps.
 constexpr int kSpinsBeforeYield = 64;
@@ -88,6 +92,7 @@ void SerialQueue::post(Task task) {
         if (tail_.compare_exchange_weak(tail, tail | kOverflowBit, std::memory_order_seq_cst,
                                         std::memory_order_relaxed)) {
           tail |= kOverflowBit;
+          spillPending_.store(true, std::memory_order_release);
         }
         continue;
       }
@@ -119,10 +124,17 @@ bool SerialQueue::hasWork(uint64_t head) const {
 }
 
 bool SerialQueue::claimIdle(Frame& frame) {
-  uint32_t expected = 0;
-  if (!running_.compare_exchange_strong(expected, 1, std::memory_order_seq_cst,
-                                        std::memory_order_relaxed)) {
-    return false;
+  for (int spins = 0;; ++spins) {
+    uint32_t expected = 0;
+    if (running_.compare_exchange_strong(expected, 1, std::memory_order_seq_cst,
+                                         std::memory_order_relaxed)) {
+      break;
+    }
+    // Held with nothing queued: most likely the worker finishing the last task (the one that
+    // just told this caller it ran), which lets go within moments. A queue in that state is idle
+    // to its callers, so wait for it a little rather than hand the task over.
+    if (spins == kClaimSpins || hasWork(head_.load(std::memory_order_relaxed))) return false;
+    cpuRelax();
   }
   // Idle only if nothing is queued either: posts made before this call run first.
   if (hasWork(head_.load(std::memory_order_relaxed))) {
@@ -158,13 +170,24 @@ void SerialQueue::syncImpl(void (*fn)(void*), void* context) {
     fn(context);
     return;
   }
+  // 0: pending, 1: ran, 2: the caller sleeps. The worker makes the wake-up system call only
+  // for a sleeping caller, so that after a short task it lets go of the queue at once, and the
+  // caller's next post-and-wait finds it idle.
   std::atomic<uint32_t> done{0};
   post([fn, context, &done] {
     fn(context);
-    done.store(1, std::memory_order_release);
-    done.notify_one();
+    if (done.exchange(1, std::memory_order_acq_rel) == 2) done.notify_one();
   });
-  while (done.load(std::memory_order_acquire) == 0) done.wait(0, std::memory_order_acquire);
+  for (int spins = 0; spins < kWaitSpins; ++spins) {
+    if (done.load(std::memory_order_acquire) == 1) return;
+    cpuRelax();
+  }
+  uint32_t expected = 0;
+  if (!done.compare_exchange_strong(expected, 2, std::memory_order_acq_rel,
+                                    std::memory_order_acquire)) {
+    return;  // it ran meanwhile
+  }
+  while (done.load(std::memory_order_acquire) != 1) done.wait(2, std::memory_order_acquire);
 }
 
 void SerialQueue::abortSelfWait() const {
@@ -192,7 +215,10 @@ bool SerialQueue::waitForWork() {
   const Slot& next = ring_[head % kRingSize];
   for (int i = 1; i <= kIdlePolls; ++i) {
     if (next.published.load(std::memory_order_acquire) == head + 1) return true;
-    if (i % kPollsPerFlagCheck == 0 && wake_.load(std::memory_order_acquire) != 0) break;
+    if (i % kPollsPerFlagCheck == 0) {
+      if (spillPending_.load(std::memory_order_acquire)) return true;
+      if (wake_.load(std::memory_order_acquire) != 0) break;
+    }
     pause(kPausesPerPoll);
   }
   if (wake_.load(std::memory_order_acquire) == 0) {
@@ -225,6 +251,7 @@ void SerialQueue::waitForRelease() {
 void SerialQueue::takeOverflow(std::vector<Task>& into) {
   std::lock_guard<std::mutex> lock(overflowMutex_);
   into.swap(overflow_);
+  spillPending_.store(false, std::memory_order_relaxed);
   tail_.fetch_and(~kOverflowBit, std::memory_order_seq_cst);
 }
 
@@ -233,27 +260,23 @@ void SerialQueue::drain() {
   int spins = 0;
   for (;;) {
     Slot& slot = ring_[head % kRingSize];
-    bool ready = slot.published.load(std::memory_order_acquire) == head + 1;
-    for (int i = 0; i < kGatherPolls && !ready; ++i) {
-      // Caught up with the posters: let a few posts gather before looking again, rather than
-      // pulling the line a poster is writing back and forth.
-      pause(kGatherPauses);
-      ready = slot.published.load(std::memory_order_acquire) == head + 1;
-    }
-    if (ready) {
+    if (slot.published.load(std::memory_order_acquire) == head + 1) {
       slot.task();
       slot.task.reset();
       head_.store(++head, std::memory_order_release);
       spins = 0;
       continue;
     }
+    // Nothing published at the head: unless posts are spilling, the queue is handed back at once
+    // (idle, or a poster between claiming a slot and publishing it, which the polling picks up),
+    // without a look at the posters' line.
+    if (!spillPending_.load(std::memory_order_acquire)) return;
     const uint64_t tail = tail_.load(std::memory_order_acquire);
-    if ((tail & ~kOverflowBit) != head) {
+    if ((tail & ~kOverflowBit) != head) {  // slots claimed before the spill come first
       if (++spins > kSpinsBeforeYield) std::this_thread::yield();
+      cpuRelax();
       continue;
     }
-    if ((tail & kOverflowBit) == 0) return;
-    // The ring has run dry behind a full ring's worth of posts; the spilled ones come next.
     takeOverflow(spilled_);
     for (Task& task : spilled_) {
       task();
@@ -278,6 +301,10 @@ void SerialQueue::workerLoop() {
     drain();
     current_ = frame.outer;
     running_.store(0, std::memory_order_release);
+    // Caught up with the posters: let a few posts gather before looking again, rather than
+    // chasing a poster in a tight loop slot by slot over the line it is writing. The queue is
+    // free meanwhile, so a caller finding it idle still runs its task inline.
+    pause(kGatherPauses);
   }
 }
 

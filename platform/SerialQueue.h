@@ -123,6 +123,7 @@ class SerialQueue {
   std::atomic<bool> stopping_{false};
 
   alignas(64) std::atomic<uint32_t> wake_{0};  // 1 when the worker has been handed something
+  std::atomic<bool> spillPending_{false};      // set with kOverflowBit, cleared with it
 
   alignas(64) std::mutex overflowMutex_;
   std::vector<Task> overflow_;  // guarded by overflowMutex_
