@@ -8,6 +8,7 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/setup.sh"
 build=$top/build/bench
+mkdir -p "$top/build"
 results=$build/results
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELO_BUILD_BENCH=ON \
   -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_TOOLS=OFF >"$top/build/bench.configure.log"

@@ -9,6 +9,7 @@ seconds=600
 [ "${1:-}" = "--smoke" ] && seconds=30
 [[ "${1:-}" =~ ^[0-9]+$ ]] && seconds=$1
 build=$top/build/fuzz
+mkdir -p "$top/build"
 CC=clang CXX=clang++ cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DKELO_BUILD_FUZZ=ON -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_TOOLS=OFF \
   -DKELO_SANITIZE=address,undefined >"$top/build/fuzz.configure.log"
