@@ -24,6 +24,7 @@
 
 #include "kelo/Overrides.h"
 #include "kelo/Value.h"
+#include "kelo/vsl.h"
 
 namespace kelo::fuzz {
 
@@ -148,6 +149,24 @@ inline std::string defaultBundleInfo() {
     fail("the default bundle could not be read from %s", KELO_SOURCE_DIR);
   }
   return text;
+}
+
+// A system log client whose lines go to /dev/null, for the dumps a target runs: what matters is
+// that formatting whatever the input left is safe, not the text.
+struct DumpClient {
+  vsl_client_t client = nullptr;
+  vsl_msg_t message = nullptr;
+};
+inline DumpClient discardingDumpClient() {
+  DumpClient d;
+  const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  d.client = vsl_open(kFuzzProcess, "KeloDump", VSL_OPT_NO_DELAY);
+  d.message = vsl_new(VSL_TYPE_MSG);
+  if (devNull < 0 || d.client == nullptr || d.message == nullptr ||
+      vsl_add_log_file(d.client, devNull) != 0) {
+    fail("the dump client could not be set up");
+  }
+  return d;
 }
 
 // Keeps a fuzzed document's names within a small known set, so that the services' per-name state

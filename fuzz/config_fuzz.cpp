@@ -33,8 +33,7 @@ struct Target {
   std::string bundleFolder;
   std::string infoPath;
   kelo::KeloConfigurator* configurator = nullptr;
-  vsl_client_t client = nullptr;
-  vsl_msg_t message = nullptr;
+  kelo::fuzz::DumpClient dump;
 };
 
 Target* gTarget = nullptr;
@@ -50,14 +49,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     kelo::fuzz::fail("the bundle could not be installed");
   }
   t->configurator = kelo::KeloConfigurator::sharedInstance();
-  // The dump goes nowhere: what matters is that formatting every stored entry is safe.
-  const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-  t->client = vsl_open(kelo::fuzz::kFuzzProcess, "KeloDump", VSL_OPT_NO_DELAY);
-  t->message = vsl_new(VSL_TYPE_MSG);
-  if (devNull < 0 || t->client == nullptr || t->message == nullptr ||
-      vsl_add_log_file(t->client, devNull) != 0) {
-    kelo::fuzz::fail("the dump client could not be set up");
-  }
+  t->dump = kelo::fuzz::discardingDumpClient();
   gTarget = t;
   return 0;
 }
@@ -98,6 +90,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   t.configurator->loadConfigurations(info);
   t.configurator->loadConfigurations(parsed);
 
-  t.configurator->logAll(t.client, t.message, VSL_LEVEL_INFO);
+  t.configurator->logAll(t.dump.client, t.dump.message, VSL_LEVEL_INFO);
   return 0;
 }

@@ -27,8 +27,7 @@ constexpr std::string_view kApps[] = {
 struct Target {
   std::string reportPath;
   kelo::AmpvexStub* stub = nullptr;
-  vsl_client_t client = nullptr;
-  vsl_msg_t message = nullptr;
+  kelo::fuzz::DumpClient dump;
 };
 
 Target* gTarget = nullptr;
@@ -44,14 +43,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     kelo::fuzz::fail("the bundle could not be installed");
   }
   t->stub = kelo::AmpvexStub::instance();
-  // The dump goes nowhere: what matters is that describing whatever a report left is safe.
-  const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-  t->client = vsl_open(kelo::fuzz::kFuzzProcess, "KeloDump", VSL_OPT_NO_DELAY);
-  t->message = vsl_new(VSL_TYPE_MSG);
-  if (devNull < 0 || t->client == nullptr || t->message == nullptr ||
-      vsl_add_log_file(t->client, devNull) != 0) {
-    kelo::fuzz::fail("the dump client could not be set up");
-  }
+  t->dump = kelo::fuzz::discardingDumpClient();
   gTarget = t;
   return 0;
 }
@@ -97,6 +89,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } else if (referenceDate) {
     kelo::fuzz::fail("a reference date kept from a report without one");
   }
-  t.stub->logAll(t.client, t.message, VSL_LEVEL_INFO);
+  t.stub->logAll(t.dump.client, t.dump.message, VSL_LEVEL_INFO);
   return 0;
 }
