@@ -151,6 +151,15 @@ inline std::string defaultBundleInfo() {
   return text;
 }
 
+// Writes the default system bundle's Info.json at `infoPath` (by default the system bundle's place
+// under the scratch device root), or aborts.
+inline void installDefaultBundle(const std::string& infoPath) {
+  if (!writeFile(infoPath, defaultBundleInfo())) fail("the bundle could not be installed");
+}
+inline void installDefaultBundle() {
+  installDefaultBundle(platform().root + "/System/Library/Kelo/KeloConfiguration.bundle/Info.json");
+}
+
 // A system log client whose lines go to /dev/null, for the dumps a target runs: what matters is
 // that formatting whatever the input left is safe, not the text.
 struct DumpClient {

@@ -45,9 +45,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   auto* t = new Target();
   t->bundleFolder = p.root + kBundle;
   t->infoPath = t->bundleFolder + "/Info.json";
-  if (!kelo::fuzz::writeFile(t->infoPath, kelo::fuzz::defaultBundleInfo())) {
-    kelo::fuzz::fail("the bundle could not be installed");
-  }
+  kelo::fuzz::installDefaultBundle(t->infoPath);
   t->configurator = kelo::KeloConfigurator::sharedInstance();
   t->dump = kelo::fuzz::discardingDumpClient();
   gTarget = t;

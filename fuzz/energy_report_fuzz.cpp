@@ -38,10 +38,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kelo::fuzz::Platform& p = kelo::fuzz::platform();
   auto* t = new Target();
   t->reportPath = p.root + "/run/kelo/energy-report.json";
-  if (!kelo::fuzz::writeFile(p.root + "/System/Library/Kelo/KeloConfiguration.bundle/Info.json",
-                             kelo::fuzz::defaultBundleInfo())) {
-    kelo::fuzz::fail("the bundle could not be installed");
-  }
+  kelo::fuzz::installDefaultBundle();
   t->stub = kelo::AmpvexStub::instance();
   t->dump = kelo::fuzz::discardingDumpClient();
   gTarget = t;

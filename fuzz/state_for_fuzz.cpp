@@ -54,12 +54,8 @@ bool ascii(const std::string& s) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelo::fuzz::Platform& p = kelo::fuzz::platform();
   // The default bundle, so that known keys have values and a hit takes the lock-free path.
-  if (!kelo::fuzz::writeFile(p.root + "/System/Library/Kelo/KeloConfiguration.bundle/Info.json",
-                             kelo::fuzz::defaultBundleInfo())) {
-    kelo::fuzz::fail("the bundle could not be installed");
-  }
+  kelo::fuzz::installDefaultBundle();
   // The configurator is deliberately not created here: the first valid key creates it, an
   // invalid one must not.
   return 0;
