@@ -88,7 +88,7 @@ class KELO_EXPORT Value {
  private:
   struct Date {
     double seconds;
-    bool operator==(const Date&) const = default;
+    bool operator==(const Date& other) const { return seconds == other.seconds; }
   };
   using Storage = std::variant<std::monostate, bool, int64_t, double, std::string, Date,
                                std::shared_ptr<const Array>, std::shared_ptr<const Dictionary>,
