@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "config/Bundles.h"
 #include "config/ConfigKeys.h"
 #include "config/ConfigStore.h"
 #include "config/Utf8.h"
@@ -22,8 +23,6 @@ namespace {
 // Outside the class so that getStateForC can peek at it without creating it.
 platform::Singleton<KeloConfigurator> gShared;
 
-constexpr const char* kMobileBundlePath = "/var/mobile/Library/Kelo/KeloMobileConfig.bundle";
-constexpr const char* kSystemBundlePath = "/System/Library/Kelo/KeloConfiguration.bundle";
 constexpr const char* kOverrideDomain = "com.vorn.Kelo";
 constexpr const char* kOverrideKey = "overideConfig";
 constexpr const char* kHavenDomain = "com.vorn.haven";
@@ -32,8 +31,8 @@ constexpr const char* kTessdDomain = "com.vorn.tessd";
 constexpr size_t kModelBufferSize = 64;
 
 std::shared_ptr<const platform::Bundle> openBundle() {
-  if (auto mobile = platform::Bundle::open(platform::devicePath(kMobileBundlePath))) return mobile;
-  return platform::Bundle::open(platform::devicePath(kSystemBundlePath));
+  if (auto mobile = config::openMobileBundle()) return mobile;
+  return config::openSystemBundle();
 }
 
 // A group of `source`; a null Value when absent. "whenToLaunch" lives inside "commonDefaults".
@@ -57,14 +56,13 @@ const Value* entryOf(const Value& group, std::string_view key) {
 
 KeloConfigurator::KeloConfigurator()
     : dictOfConfigurations_(std::make_unique<config::ConfigStore>()),
-      appBlackMap_(std::make_shared<const Value::Dictionary>()) {
+      appBlackMap_(std::make_shared<SharedDictionary>()) {
   platform::sealOverrides();
   std::lock_guard<std::mutex> load(loadMutex_);
-  std::shared_ptr<const platform::Bundle> bundle =
-      platform::Bundle::open(platform::devicePath(kMobileBundlePath));
+  std::shared_ptr<const platform::Bundle> bundle = config::openMobileBundle();
   hvDomain_ = platform::PreferencesDomain::open(kHavenDomain);
   tsbdDDomain_ = platform::PreferencesDomain::open(kTessdDomain);
-  if (bundle == nullptr) bundle = platform::Bundle::open(platform::devicePath(kSystemBundlePath));
+  if (bundle == nullptr) bundle = config::openSystemBundle();
   if (bundle == nullptr) return;
   {
     std::lock_guard<std::mutex> lock(snapshotMutex_);
@@ -110,17 +108,13 @@ void KeloConfigurator::loadBundleConfigurationsLocked() {
   const Value blacklist = bundle ? bundle->objectForInfoDictionaryKey("blacklist") : Value();
   const Value whitelist = bundle ? bundle->objectForInfoDictionaryKey("whitelist") : Value();
 
-  if (!blacklist.asArray().empty()) {
-    const std::shared_ptr<const Value::Dictionary> previous = appBlackMap();
-    std::vector<Value::Dictionary::value_type> entries(previous->begin(), previous->end());
+  {
+    std::vector<Value::Dictionary::value_type> entries;
     for (const Value& entry : blacklist.asArray()) {
       // Only strings name applications; anything else cannot be a key of the map.
       if (entry.isString()) entries.emplace_back(entry.asString(), Value::boolean(true));
     }
-    auto blackMap =
-        std::make_shared<Value::Dictionary>(Value::Dictionary::fromUnsorted(std::move(entries)));
-    std::lock_guard<std::mutex> lock(snapshotMutex_);
-    appBlackMap_ = std::move(blackMap);
+    appBlackMap_->merge(std::move(entries));
   }
   {
     std::shared_ptr<const Value::Array> whiteList;
@@ -226,8 +220,7 @@ void KeloConfigurator::logAll(vsl_client_t client, vsl_msg_t withMsg, int32_t wi
 
 void KeloConfigurator::logLight(vsl_client_t, vsl_msg_t, int32_t) {}
 
-std::shared_ptr<const Value::Dictionary> KeloConfigurator::appBlackMap() const {
-  std::lock_guard<std::mutex> lock(snapshotMutex_);
+std::shared_ptr<const SharedDictionary> KeloConfigurator::appBlackMap() const {
   return appBlackMap_;
 }
 

@@ -1,5 +1,6 @@
 #include "tools/kelo/ConfigSources.h"
 
+#include "config/Bundles.h"
 #include "platform/Bundle.h"
 #include "platform/Facts.h"
 #include "platform/Preferences.h"
@@ -37,12 +38,8 @@ const Value* lookupInSource(const Value& source, const config::KeyInfo& key) {
 
 ConfigSources resolveConfigSources() {
   ConfigSources out;
-  std::shared_ptr<const platform::Bundle> bundle =
-      platform::Bundle::open(platform::devicePath("/var/mobile/Library/Kelo/KeloMobileConfig.bundle"));
-  if (!bundle) {
-    bundle = platform::Bundle::open(
-        platform::devicePath("/System/Library/Kelo/KeloConfiguration.bundle"));
-  }
+  std::shared_ptr<const platform::Bundle> bundle = config::openMobileBundle();
+  if (!bundle) bundle = config::openSystemBundle();
   out.hardwareModel = platform::hardwareModel();
   if (!bundle) return out;
   out.bundlePath = bundle->path();
