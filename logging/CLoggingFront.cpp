@@ -38,6 +38,7 @@ __attribute__((format(printf, 2, 0))) bool formatInto(char (&line)[kLineSize], c
 }  // namespace
 
 using kelo::KeloLogger;
+using kelo::logging::LoggerTasks;
 
 // Nothing may escape into C callers: a failure to create the loggers (out of memory, no thread)
 // drops the line, as a logger that cannot write does.
@@ -52,7 +53,7 @@ extern "C" void(KELO_CLOGMODE)(bool mode) {
 extern "C" void(KELO_CLOG)(const char* format, ...) {
   try {
     KeloLogger* const detailed = KeloLogger::instance();
-    if (!detailed->canWriteToFile() || format == nullptr) return;
+    if (!LoggerTasks::acceptsLines(*detailed) || format == nullptr) return;
     char line[kLineSize];
     va_list args;
     va_start(args, format);
@@ -67,9 +68,9 @@ extern "C" void(KELO_CLOG)(const char* format, ...) {
 
 extern "C" void(KELO_CLOG_MASK)(uint64_t mask, const char* format, ...) {
   try {
-    const bool detailedOn = KeloLogger::instance()->canWriteToFile();
+    const bool detailedOn = LoggerTasks::acceptsLines(*KeloLogger::instance());
     const KeloLogger* simple = KeloLogger::instance(1);
-    const bool simpleOn = simple != nullptr && simple->canWriteToFile();
+    const bool simpleOn = simple != nullptr && LoggerTasks::acceptsLines(*simple);
     // The mask is not consulted yet: a line for a logger that is off is formatted and dropped.
     if ((!detailedOn && !simpleOn) || format == nullptr) return;
     char line[kLineSize];
@@ -79,11 +80,11 @@ extern "C" void(KELO_CLOG_MASK)(uint64_t mask, const char* format, ...) {
     va_end(args);
     if (!formatted) return;
     if (KeloLogger* detailed = KeloLogger::instance(0);
-        detailed != nullptr && detailed->canWriteToFile() && (mask & 1) != 0) {
+        detailed != nullptr && LoggerTasks::acceptsLines(*detailed) && (mask & 1) != 0) {
       detailed->logToFileCString(line);
     }
     if (KeloLogger* again = KeloLogger::instance(1);
-        again != nullptr && again->canWriteToFile() && (mask & 2) != 0) {
+        again != nullptr && LoggerTasks::acceptsLines(*again) && (mask & 2) != 0) {
       again->logToFileCString(line);
     }
   } catch (...) {
@@ -92,7 +93,7 @@ extern "C" void(KELO_CLOG_MASK)(uint64_t mask, const char* format, ...) {
 
 extern "C" void(KELO_ConsoleLog)(const char* message) {
   try {
-    if (!KeloLogger::instance()->canWriteToFile() || message == nullptr) return;
+    if (!LoggerTasks::acceptsLines(*KeloLogger::instance()) || message == nullptr) return;
     KeloLogger::instance()->logToFile(message);
   } catch (...) {
   }

@@ -18,6 +18,8 @@
 
 namespace kelo {
 
+using logging::LoggerTasks;
+
 namespace {
 
 constexpr const char* kQueueLabel = "com.vorn.KeloAppLaunchStatsLogging";
@@ -40,8 +42,8 @@ std::mutex gGateMutex;
 void recomputeGatesLocked() {
   const KeloLogger* detailed = gSlots[0].load(std::memory_order_acquire);
   const KeloLogger* simple = gSlots[1].load(std::memory_order_acquire);
-  const bool detailedOn = detailed != nullptr && detailed->canWriteToFile();
-  const bool simpleOn = simple != nullptr && simple->canWriteToFile();
+  const bool detailedOn = detailed != nullptr && LoggerTasks::acceptsLines(*detailed);
+  const bool simpleOn = simple != nullptr && LoggerTasks::acceptsLines(*simple);
   logging::setGates(detailedOn, detailedOn || simpleOn);
 }
 
@@ -78,8 +80,6 @@ std::string sealedProcessName() {
 }
 
 }  // namespace
-
-using logging::LoggerTasks;
 
 KeloLogger* KeloLogger::instance() {
   if (KeloLogger* detailed = gSlots[0].load(std::memory_order_acquire)) return detailed;
@@ -148,12 +148,21 @@ void KeloLogger::createFile() {
 }
 
 void KeloLogger::setLoggingMode(bool mode) {
-  logQueue_->post([this, mode] {
-    if (mode) {
-      LoggerTasks::openLiveFile(*this);
-    } else {
-      LoggerTasks::closeLiveFile(*this);
-    }
+  if (!mode) {
+    logQueue_->post([this] { LoggerTasks::closeLiveFile(*this); });
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(gGateMutex);
+    switchesOnPending_.fetch_add(1, std::memory_order_acq_rel);
+    recomputeGatesLocked();
+  }
+  logQueue_->post([this] {
+    LoggerTasks::openLiveFile(*this);
+    // After canWriteToFile is set, so that no moment admits no line.
+    std::lock_guard<std::mutex> lock(gGateMutex);
+    switchesOnPending_.fetch_sub(1, std::memory_order_acq_rel);
+    recomputeGatesLocked();
   });
 }
 

@@ -90,6 +90,8 @@ class KELO_EXPORT KeloLogger {
   vsl_client_t log_client_ = nullptr;  // null while closed
   vsl_msg_t log_msg_ = nullptr;        // null while closed
   std::atomic<bool> canWriteToFile_{false};  // written on the queue, read anywhere
+  // Switch-ons posted whose task has not finished yet; atomic, read anywhere.
+  std::atomic<uint32_t> switchesOnPending_{0};
   bool firstTime_ = true;
   std::unique_ptr<platform::SerialQueue> logQueue_;  // constant after construction
   int32_t fd_ = 0;                                   // 0: no file open

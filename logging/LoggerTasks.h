@@ -17,6 +17,13 @@ class LoggerTasks {
   static void closeLiveFile(KeloLogger& l);
   static void writeDump(KeloLogger& l);
   static void setCanWriteToFile(KeloLogger& l, bool value);
+  // Whether the C logging front hands `l` a line: it can write, or a switch-on is on its way.
+  // A line admitted for a pending switch-on is written after it (the queue keeps posting
+  // order), so a daemon's first lines after KELO_CLOGMODE(true) are not lost to the race with
+  // the switch; if the file then fails to open, the line is dropped as any line without a file.
+  static bool acceptsLines(const KeloLogger& l) {
+    return l.canWriteToFile() || l.switchesOnPending_.load(std::memory_order_acquire) != 0;
+  }
 
   // One line of `size` bytes into the live file, on the logger's queue; returns once written (or
   // dropped, with no file open). A null text writes nothing but still waits for the queue.

@@ -8,9 +8,13 @@
  * KELO_CLOG, KELO_CLOG_MASK and KELO_ConsoleLog are also function-like macros that test a
  * one-byte gate inline before calling the function of the same name: with logging off a call
  * costs one relaxed load and its arguments are not evaluated. The gates are open until the
- * loggers exist (so the first call creates them), then follow "the detailed logger can write"
- * (kelo_clog_gate) and "either logger can write" (kelo_clog_mask_gate). The functions test the
- * loggers themselves as well, so calling them directly, as (KELO_CLOG)(...), behaves the same. */
+ * loggers exist (so the first call creates them), then follow "the detailed logger takes lines"
+ * (kelo_clog_gate) and "either logger takes lines" (kelo_clog_mask_gate). A logger takes lines
+ * while it can write and while a switch-on is on its way to its queue. The functions test the
+ * loggers themselves as well, so calling them directly, as (KELO_CLOG)(...), behaves the same.
+ *
+ * A line written by these functions is in its file when the call returns, so everything logged
+ * before the process exits (a return from main, exit()) is kept, with no call to flush. */
 #ifndef KELO_LOGGING_H_
 #define KELO_LOGGING_H_
 
@@ -28,8 +32,8 @@ extern KELO_EXPORT unsigned char kelo_clog_gate;
 extern KELO_EXPORT unsigned char kelo_clog_mask_gate;
 
 /* Switches the detailed logger's file on or off. Returns at once; the switch runs later on the
- * logger's queue, so a line logged straight afterwards may still be dropped. The simple logger
- * is not switched here. */
+ * logger's queue, and lines logged after a switch-on wait for it there, so none is lost to that
+ * race (unless the file cannot be opened). The simple logger is not switched here. */
 KELO_EXPORT void KELO_CLOGMODE(bool mode);
 
 /* Formats one line and writes it to the detailed logger if it can write. */
