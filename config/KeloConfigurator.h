@@ -10,8 +10,10 @@
 //
 // Threads: lookups (getStateFor, getStateForC) run on any thread, take no lock and never see a
 // torn value, also while a reload runs on another thread. Loads run on the caller's thread and
-// are serialised against each other. appBlackMap() and appWhiteListArray() return immutable
-// snapshots that a later reload never changes.
+// are serialised against each other. appBlackMap() hands out the blacklist map itself, a
+// SharedDictionary that each reload grows in one step: a holder sees later reloads' entries, and
+// a read racing a reload on another thread sees the map before or after it, never half of it.
+// appWhiteListArray() returns the whitelist loaded last, which a later reload replaces whole.
 #ifndef KELO_CONFIG_KELOCONFIGURATOR_H_
 #define KELO_CONFIG_KELOCONFIGURATOR_H_
 
@@ -21,6 +23,7 @@
 #include <string>
 
 #include "kelo/KeloLoggerProtocol.h"
+#include "kelo/SharedDictionary.h"
 #include "kelo/Value.h"
 #include "kelo/config.h"
 #include "kelo/export.h"
@@ -78,8 +81,9 @@ class KELO_EXPORT KeloConfigurator : public KeloLoggerProtocol {
   // The configurator has no light dump.
   void logLight(vsl_client_t client, vsl_msg_t withMsg, int32_t withLevel) override;
 
-  // Bundle identifier -> boolean true for every entry any loaded "blacklist" named. Never null.
-  std::shared_ptr<const Value::Dictionary> appBlackMap() const;
+  // Bundle identifier -> boolean true for every entry any loaded "blacklist" named: the map
+  // itself, the same object for the configurator's lifetime. Never null.
+  std::shared_ptr<const SharedDictionary> appBlackMap() const;
   // The last loaded bundle's "whitelist" as it stands; null when that bundle had none.
   std::shared_ptr<const Value::Array> appWhiteListArray() const;
 
@@ -100,7 +104,8 @@ class KELO_EXPORT KeloConfigurator : public KeloLoggerProtocol {
   std::shared_ptr<const platform::Bundle> bundle_;  // snapshotMutex_
   // Constant after construction; its slots are atomic.
   const std::unique_ptr<config::ConfigStore> dictOfConfigurations_;
-  std::shared_ptr<const Value::Dictionary> appBlackMap_;   // snapshotMutex_
+  // Constant after construction; updated whole by loads, read anywhere.
+  const std::shared_ptr<SharedDictionary> appBlackMap_;
   std::shared_ptr<const Value::Array> appWhiteListArray_;  // snapshotMutex_
   // Constant after construction.
   std::shared_ptr<platform::PreferencesDomain> hvDomain_;
