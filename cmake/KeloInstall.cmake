@@ -18,7 +18,8 @@ install(FILES
   ${CMAKE_BINARY_DIR}/KeloAXLConfigLoggerConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KeloAXLConfigLogger)
 # The pkg-config file finds its prefix from where it is installed, so a staged or relocated
-# installation (cmake --install --prefix DIR) stays usable.
+# installation (cmake --install --prefix DIR) stays usable; its run path lets a program built
+# with it find the library in a prefix the dynamic loader does not search.
 file(RELATIVE_PATH KELO_PC_TO_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 string(REGEX REPLACE "/$" "" KELO_PC_TO_PREFIX "${KELO_PC_TO_PREFIX}")
 configure_file(cmake/KeloAXLConfigLogger.pc.in ${CMAKE_BINARY_DIR}/KeloAXLConfigLogger.pc @ONLY)

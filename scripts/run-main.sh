@@ -8,6 +8,7 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 build=$top/build/release
 echo "== building the library, kelo and kelo-sim (Release) in ${build#$top/}" >&2
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELO_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)" --target kelo-sim kelo >/dev/null
+# Everything the package installs, so that `cmake --install build/release` works afterwards.
+cmake --build "$build" -j"$(nproc)" >/dev/null
 echo "== running kelo-sim $*" >&2
 exec "$build/tools/kelo-sim/kelo-sim" "$@"
