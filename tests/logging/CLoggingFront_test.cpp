@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -12,6 +14,7 @@
 #include "kelo/KeloLogger.h"
 #include "kelo/logging.h"
 #include "tests/logging/LogFiles.h"
+#include "tests/support/ChildProcess.h"
 
 namespace kelo {
 namespace {
@@ -56,6 +59,24 @@ class CLoggingFrontTest : public ::testing::Test {
   Sandbox sandbox_;
   std::shared_ptr<test::RecordingFileSystem> files_;
 };
+
+// A daemon that logs right after switching a logger on and then exits keeps its lines: they
+// wait on the queue for the switch (slowed down here) instead of being dropped by the race.
+TEST_F(CLoggingFrontTest, LinesRightAfterASwitchOnReachTheirFileBeforeExit) {
+  files_->delayOpens(std::chrono::milliseconds(100));
+  test::ChildProcess daemon([] {
+    KELO_CLOGMODE(true);
+    KeloLogger::instance(1)->setLoggingMode(true);
+    KELO_CLOG("detailed %d", 1);
+    KELO_CLOG_MASK(2, "simple %d", 2);
+    std::exit(0);
+    return 1;
+  });
+  daemon.go();
+  ASSERT_EQ(daemon.wait(), 0);
+  EXPECT_EQ(texts(detailedPath()), std::vector<std::string>{"detailed 1"});
+  EXPECT_EQ(texts(simplePath()), std::vector<std::string>{"simple 2"});
+}
 
 TEST_F(CLoggingFrontTest, OffCostsNoArgumentEvaluationOnceTheLoggersExist) {
   int evaluated = 0;

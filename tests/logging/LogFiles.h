@@ -7,12 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <mutex>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kelo/Overrides.h"
@@ -61,6 +63,7 @@ inline std::vector<std::string> filesIn(const std::string& folder) {
 class RecordingFileSystem : public platform::FileSystem {
  public:
   int open(const char* path, int flags, mode_t mode) override {
+    std::this_thread::sleep_for(openDelay_);
     const int fd = FileSystem::open(path, flags, mode);
     std::lock_guard<std::mutex> lock(mutex_);
     paths_[fd] = path;
@@ -82,6 +85,8 @@ class RecordingFileSystem : public platform::FileSystem {
     return FileSystem::write(fd, data, std::min(size, maxChunk_));
   }
 
+  // Set before the first service exists.
+  void delayOpens(std::chrono::milliseconds delay) { openDelay_ = delay; }
   void interruptNext(int times) { interruptions_ = times; }
   void limitChunk(size_t bytes) { maxChunk_ = bytes; }
   void failAlways(int fd) { failingFd_ = fd; }
@@ -104,6 +109,7 @@ class RecordingFileSystem : public platform::FileSystem {
   int interruptions_ = 0;
   size_t maxChunk_ = SIZE_MAX;
   int failingFd_ = -2;
+  std::chrono::milliseconds openDelay_{0};
 };
 
 }  // namespace kelo::test
