@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
@@ -170,6 +171,25 @@ const Scenario kScenarios[] = {
              d.append(FakeDevice::event(45, "start", "com.d", 3, 1, wallClock()) + "\n");
            })},
      {{"com.a/1", 5.0}, {"com.d/3", 2.5}}, "package", 0, 2},
+    // Lines of every wrong shape are skipped and counted; "other" events carry no work and are
+    // neither. No start survives, so nothing is attributed.
+    {"MalformedLinesAreSkippedAndCounted",
+     {[](FakeDevice& d) {
+        start(d);
+        for (const std::string& line : std::vector<std::string>{
+                 "[]", "{\"event\": \"start\"}", R"({"pid": -1, "event": "stopAll"})",
+              R"({"pid": 42, "event": "start", "bundleID": 5, "updateType": 1, "seqNum": 1})",
+              R"({"pid": 42, "event": "start", "bundleID": "a", "updateType": 1, "seqNum": -1})",
+              R"({"pid": 42, "event": "jump"})", R"({"pid": 42, "time": "now", "event": "stopAll"})",
+              "{\"pid\": 42, \"event\": \"start\", \"bundleID\": \"\xff\", \"updateType\": 1, "
+              "\"seqNum\": 1}",
+              FakeDevice::event(kPid, "start", std::string(1025, 'x'), 1, 1),
+              R"({"pid": 42, "event": "other", "kind": 9})"}) {
+          d.append(line + "\n");
+        }
+      },
+      interval(1)},
+     {}, "package", 9, 0},
 };
 
 ToolRun powerd(const FakeDevice& device, const std::vector<std::string>& extra = {}) {
@@ -298,6 +318,117 @@ TEST(PowerdWithTheLibrary, RefreshAndReadingsChargeWhatThePowerMonitorMeasured) 
   EXPECT_EQ(stub->energyConsumedForFetch(), 7);
   EXPECT_EQ(energyConsumedForBackgroundDownload(), 7);
   EXPECT_EQ(stub->energyConsumedForFetch(), 0);  // consumed
+}
+
+TEST_F(PowerdTest, TheTextfileCarriesTheTotalsForTheCollector) {
+  const std::string folder = dir_.path() + "/textfile";
+  ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
+  start(device_);
+  device_.setBattery(50'000'000);  // µWh: 50,000 mWh
+  device_.announce(kPid, "start", R"(com.\"q\"\\x)", 1, 1);  // com."q"\x
+  device_.announce(kPid, "start", "com.b", 4, 2);
+  for (int k = 0; k < 2; interval(++k)(device_)) {
+    const ToolRun r = powerd(device_, {"--textfile", folder});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+  }
+  std::string samples;
+  for (const std::string& line : Sandbox::readLines(folder + "/kelo_energy.prom")) {
+    if (line.rfind("# HELP", 0) != 0) samples += line + "\n";
+  }
+  EXPECT_EQ(samples, "# TYPE kelo_energy_mwh_total counter\n"
+                     "kelo_energy_mwh_total{bundle_id=\"com.\\\"q\\\"\\\\x\",update_type=\"1\"} 2.5\n"
+                     "kelo_energy_mwh_total{bundle_id=\"com.b\",update_type=\"4\"} 2.5\n"
+                     "# TYPE kelo_energy_reference_date_seconds gauge\n"
+                     "kelo_energy_reference_date_seconds " +
+                         std::to_string(referenceDateOf(device_)) +
+                         "\n"
+                         "# TYPE kelo_battery_capacity_mwh gauge\n"
+                         "kelo_battery_capacity_mwh 50000\n"
+                         "# TYPE kelo_powerd_journal_lines_skipped_total counter\n"
+                         "kelo_powerd_journal_lines_skipped_total 0\n");
+  EXPECT_EQ(reportOf(device_).find("BLMBatteryCapacity")->doubleValue(), 50000.0);
+  // Nothing else is left in the collector's folder.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
+}
+
+// A tree where links, FIFOs and files of the wrong kind stand where powerd reads or writes: one
+// message naming the path and the reason, never a hang or a crash.
+TEST_F(PowerdTest, HostileTreesGetAMessageNamingThePath) {
+  struct Case {
+    const char* name;
+    Step setup;
+    int exitCode;
+    const char* message;  // in standard error
+  };
+  const auto fifo = [](const std::string& path) {
+    ::unlink(path.c_str());
+    ::mkfifo(path.c_str(), 0644);
+  };
+  const Case cases[] = {
+      {"JournalIsALink",
+       [](FakeDevice& d) {
+         ::unlink(d.journalPath().c_str());
+         ::symlink("/etc/passwd", d.journalPath().c_str());
+       },
+       0, "energy-events.jsonl: is a symbolic link"},
+      {"JournalIsAFifo", [&](FakeDevice& d) { fifo(d.journalPath()); }, 0,
+       "energy-events.jsonl: is not a regular file"},
+      {"StateIsAFifo",
+       [&](FakeDevice& d) {
+         Sandbox::writeFile(d.statePath(), "");
+         fifo(d.statePath());
+       },
+       0, "powerd-state.json: is not a regular file; moved aside"},
+      {"ReportFolderIsAFile",
+       [](FakeDevice& d) {
+         std::filesystem::remove_all(d.root() + "/run/kelo");
+         Sandbox::writeFile(d.root() + "/run/kelo", "");
+       },
+       1, "energy-report.json: cannot create its temporary file: Not a directory"},
+      {"ProcessStatIsGarbage",
+       [](FakeDevice& d) {
+         Sandbox::writeFile(d.root() + "/proc/42/stat", "42 (x) S 1 2");
+         d.announce(kPid, "start", "com.a", 1, 1);
+       },
+       0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir("kelo-powerd-hostile");
+    FakeDevice device(dir.path());
+    start(device);
+    c.setup(device);
+    const ToolRun r = powerd(device);
+    EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find(c.message), r.err.rfind(c.message)) << "one message";
+  }
+}
+
+TEST(PowerdCommandLine, HelpIsAManualPageAndUsageErrorsExitTwo) {
+  const ToolRun help = runTool({KELO_POWERD_PATH, "--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  std::size_t at = 0;
+  for (const char* section : {"NAME\n", "SYNOPSIS\n", "DESCRIPTION\n", "OPTIONS\n", "FILES\n",
+                              "EXIT STATUS\n"}) {
+    const std::size_t found = help.out.find(section, at);
+    ASSERT_NE(found, std::string::npos) << section;
+    at = found;
+  }
+  for (const char* option : {"--root DIR", "--interval SECONDS", "--once", "--cpu-watts WATTS",
+                             "--textfile DIR", "/var/lib/kelo/powerd-state.json"}) {
+    EXPECT_NE(help.out.find(option), std::string::npos) << option;
+  }
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"--interval", "0"},
+                                             {"--cpu-watts", "-1"},
+                                             {"--root", "/nonexistent/root"},
+                                             {"--bogus"},
+                                             {"extra"}}) {
+    std::vector<std::string> argv = {KELO_POWERD_PATH, "--once"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    EXPECT_EQ(runTool(argv).exitCode, 2) << args[0];
+  }
 }
 
 }  // namespace

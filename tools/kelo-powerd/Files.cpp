@@ -214,19 +214,19 @@ std::string replaceFile(const std::string& path, const std::string& data, mode_t
     if (!makeFolders(folder, folderMode)) return failure(folder, "cannot create folder", errno);
     raw = ::open(temporary.c_str(), kFlags, mode);
   }
-  if (raw < 0) return failure(temporary, "cannot create", errno);
+  if (raw < 0) return failure(path, "cannot create its temporary file", errno);
   Fd fd(raw);
+  // The old file stays as it was; only the temporary one goes.
   const auto abandon = [&](const char* what) {
     const int err = errno;
     ::unlink(temporary.c_str());
-    return failure(what == nullptr ? path : temporary, what == nullptr ? "cannot rename" : what,
-                   err);
+    return failure(path, what, err);
   };
-  if (::fchmod(fd.get(), mode) != 0) return abandon("cannot set mode");
-  if (!writeAll(fd.get(), data)) return abandon("cannot write");
-  if (::fsync(fd.get()) != 0) return abandon("cannot sync");
-  if (::close(fd.release()) != 0) return abandon("cannot close");
-  if (::rename(temporary.c_str(), path.c_str()) != 0) return abandon(nullptr);
+  if (::fchmod(fd.get(), mode) != 0) return abandon("cannot set the mode of its temporary file");
+  if (!writeAll(fd.get(), data)) return abandon("cannot write its temporary file");
+  if (::fsync(fd.get()) != 0) return abandon("cannot sync its temporary file");
+  if (::close(fd.release()) != 0) return abandon("cannot close its temporary file");
+  if (::rename(temporary.c_str(), path.c_str()) != 0) return abandon("cannot replace it");
   // The rename is durable only once the folder is.
   const int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dirFd >= 0) {
