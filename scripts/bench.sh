@@ -11,7 +11,7 @@ build=$top/build/bench
 mkdir -p "$top/build"
 results=$build/results
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKELO_BUILD_BENCH=ON \
-  -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_TOOLS=OFF >"$top/build/bench.configure.log"
+  -DKELO_BUILD_TESTS=OFF -DKELO_BUILD_TOOLS=ON >"$top/build/bench.configure.log"
 cmake --build "$build" -j"$(nproc)" >/dev/null
 rm -rf "$results" && mkdir -p "$results"
 
@@ -30,6 +30,7 @@ run config_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=tr
 run stats_bench
 run zones_bench
 run report_bench
+run powerd_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 # The energy service is one per process and its pools keep every record: one size per process.
 for size in 1000 10000 100000; do
   SUFFIX=-$size run energy_bench --benchmark_filter="BM_RefreshAndRead/$size/" \

@@ -18,7 +18,10 @@ FakeDevice::FakeDevice(std::string root) : root_(std::move(root)) {
 }
 
 void FakeDevice::write(const std::string& relative, const std::string& content) {
-  Sandbox::writeFile(root_ + "/" + relative, content);
+  // Whole or not at all, as the kernel's files read, even to a daemon sampling meanwhile.
+  const std::string path = root_ + "/" + relative;
+  Sandbox::writeFile(path + ".new", content);
+  fs::rename(path + ".new", path);
 }
 
 void FakeDevice::setBusy(uint64_t ticks) {

@@ -2,7 +2,9 @@
 // Every expected amount is worked out in the comment beside it: 1 mWh = 3.6 J = 3,600,000 µJ,
 // 100 clock ticks = 1 CPU second.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -403,6 +405,30 @@ TEST_F(PowerdTest, HostileTreesGetAMessageNamingThePath) {
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find(c.message), r.err.rfind(c.message)) << "one message";
   }
+}
+
+// Without --once: a sample every interval until SIGTERM, which ends it with status 0.
+TEST_F(PowerdTest, TheDaemonSamplesEveryIntervalUntilSigterm) {
+  cpu(device_, 0);
+  device_.announce(kPid, "start", "com.a", 1, 1);
+  const pid_t daemon = ::fork();
+  if (daemon == 0) {
+    ::execl(KELO_POWERD_PATH, KELO_POWERD_PATH, "--root", device_.root().c_str(), "--interval",
+            "0.1", "--cpu-watts", "18", static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  const auto eventually = [](const std::function<bool()>& done) {
+    for (int i = 0; i < 2000 && !done(); ++i) ::usleep(10000);
+    return done();
+  };
+  EXPECT_TRUE(eventually([&] { return Sandbox::exists(device_.statePath()); }));
+  // 200 ticks at 18 W: 36 J = 10 mWh, whichever sample sees them.
+  device_.setProcess(kPid, 5000, 300);
+  EXPECT_TRUE(eventually([&] { return totalsOf(device_)["com.a/1"] == 10.0; }));
+  ::kill(daemon, SIGTERM);
+  int status = 0;
+  ASSERT_EQ(::waitpid(daemon, &status, 0), daemon);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST(PowerdCommandLine, HelpIsAManualPageAndUsageErrorsExitTwo) {
