@@ -44,7 +44,8 @@ std::string event(int pid, const char* kind, int app, int seq) {
 void advance(const fs::path& root, int k) {
   put(root / "proc/uptime", std::to_string(1e6 + 5.0 * k) + " 1.00\n");
   put(root / "proc/stat", "cpu  " + std::to_string(100000 + 400 * k) + " 0 0 99999 0 0 0 0 0 0\n");
-  put(root / "sys/class/powercap/intel-rapl:0/energy_uj", std::to_string(1000000 + 36000000ull * k));
+  put(root / "sys/class/powercap/intel-rapl:0/energy_uj",
+      std::to_string(1000000 + 36000000ull * k));
   for (int i = 0; i < kProcesses; ++i) {
     const int pid = kFirstPid + i;
     put(root / "proc" / std::to_string(pid) / "stat",
@@ -86,7 +87,8 @@ void BM_PowerdSample(benchmark::State& state) {
     for (int i = 0; i < 10; ++i) {
       const int process = (k * 10 + i) % kProcesses;
       const int app = process * kIntervalsPerProcess % 300;
-      events += event(kFirstPid + process, "stop", app, 0) + event(kFirstPid + process, "start", app, 0);
+      events +=
+          event(kFirstPid + process, "stop", app, 0) + event(kFirstPid + process, "start", app, 0);
     }
     std::ofstream(root / "run/kelo/energy-events.jsonl", std::ios::app) << events;
     state.ResumeTiming();

@@ -30,7 +30,8 @@ void FakeDevice::setBusy(uint64_t ticks) {
   const uint64_t user = (ticks - 6) / 2;
   const uint64_t system = ticks - 6 - user;
   char line[256];
-  std::snprintf(line, sizeof line, "cpu  %llu 1 %llu 777777 3333 2 2 1 55 5\ncpu0 1 1 1 1 1 1 1 1 0 0\n",
+  std::snprintf(line, sizeof line,
+                "cpu  %llu 1 %llu 777777 3333 2 2 1 55 5\ncpu0 1 1 1 1 1 1 1 1 0 0\n",
                 static_cast<unsigned long long>(user), static_cast<unsigned long long>(system));
   write("proc/stat", std::string(line) + "intr 1 2 3\nbtime 1763000000\n");
 }
@@ -80,8 +81,8 @@ void FakeDevice::setBattery(uint64_t energyUwh, uint64_t chargeUah, uint64_t vol
 std::string FakeDevice::event(int pid, const std::string& kind, const std::string& bundleId,
                               int updateType, uint64_t seqNum, double time) {
   char head[128];
-  std::snprintf(head, sizeof head, R"({"time":%.6f,"pid":%d,"process":"schedd","event":"%s")",
-                time, pid, kind.c_str());
+  std::snprintf(head, sizeof head, R"({"time":%.6f,"pid":%d,"process":"schedd","event":"%s")", time,
+                pid, kind.c_str());
   std::string line = head;
   if (kind == "stopAll") return line + "}";
   char tail[128];

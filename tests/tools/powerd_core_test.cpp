@@ -50,9 +50,10 @@ TEST(PowerdCore, LimitsBoundTheStateAndCountWhatTheyRefuse) {
   const Limits limits{2, 3, 2};  // processes, open intervals, report entries
   noteBoot(state, device.bootId());
   // Process 3 is one process too many; d is one open interval too many.
-  attribute(state,
-            {start(1, "a", 1), start(1, "b", 2), start(1, "c", 3), start(2, "d", 1), start(3, "e", 1)},
-            device, 0, 36, limits);
+  attribute(
+      state,
+      {start(1, "a", 1), start(1, "b", 2), start(1, "c", 3), start(2, "d", 1), start(3, "e", 1)},
+      device, 0, 36, limits);
   EXPECT_EQ(state.processes.size(), 2u);
   EXPECT_EQ(state.processes[1].open.size(), 3u);
   EXPECT_EQ(state.overLimit, 2u);

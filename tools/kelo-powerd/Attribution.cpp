@@ -149,8 +149,8 @@ SampleSummary attribute(State& state, const std::vector<Event>& events, DeviceRe
   // Energy per CPU tick of the processes, in mWh.
   const bool packageReadable = packages && busy;
   const bool firstSample = !state.uptime && !state.busyTicks && !state.packages;
-  std::optional<double> energy = packageReadable ? packageIncrease(state.packages, *packages)
-                                                 : std::nullopt;
+  std::optional<double> energy =
+      packageReadable ? packageIncrease(state.packages, *packages) : std::nullopt;
   double mwhPerTick = cpuWatts / hz / kJoulesPerMilliwattHour;
   summary.model = Model::kCpuWatts;
   if (energy && state.busyTicks) {

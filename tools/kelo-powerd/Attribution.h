@@ -32,7 +32,7 @@ namespace kelo::powerd {
 // Bounds of the state, whatever the journal holds. Events and attributions beyond them are
 // refused and counted in State::overLimit.
 struct Limits {
-  std::size_t processes = 1024;      // tracked processes
+  std::size_t processes = 1024;       // tracked processes
   std::size_t openIntervals = 16384;  // open intervals over all processes
   std::size_t totals = 16384;         // (bundle identifier, update type) entries of the report
 };

@@ -43,8 +43,7 @@ struct Entry {
 constexpr Entry kFiles[] = {
     {"/run/kelo/energy-events.jsonl, /run/kelo/energy-events.jsonl.1",
      "The event journal the library appends to; read on from where the last sample stopped."},
-    {"/run/kelo/energy-report.json",
-     "The energy report, replaced atomically after each sample."},
+    {"/run/kelo/energy-report.json", "The energy report, replaced atomically after each sample."},
     {"/var/lib/kelo/powerd-state.json",
      "The epoch: reference date, last counter readings, open intervals, journal position and "
      "totals. Replaced atomically after each sample; a corrupt one is moved to .corrupt."},
@@ -55,8 +54,9 @@ constexpr Entry kFiles[] = {
 };
 
 constexpr Entry kExitStatus[] = {
-    {"0", "--once took its sample and wrote every file, or the daemon was stopped by SIGTERM or "
-          "SIGINT."},
+    {"0",
+     "--once took its sample and wrote every file, or the daemon was stopped by SIGTERM or "
+     "SIGINT."},
     {"1", "--once could not write the state, the report or the textfile."},
     {"2", "Usage error."},
 };
@@ -97,7 +97,8 @@ std::string entry(const std::string& term, const std::string& text) {
 std::string optionTerm(const CLI::Option* option) {
   std::string term;
   for (const std::string& name : option->get_snames()) term += (term.empty() ? "-" : ", -") + name;
-  for (const std::string& name : option->get_lnames()) term += (term.empty() ? "--" : ", --") + name;
+  for (const std::string& name : option->get_lnames())
+    term += (term.empty() ? "--" : ", --") + name;
   // The type name carries the validators' descriptions after a colon; the page states those.
   const std::string type = option->get_type_name();
   if (option->get_type_size() != 0 && !type.empty() && type[0] != ':') {
@@ -123,7 +124,8 @@ class ManualPage : public CLI::Formatter {
     page += "\nOPTIONS\n";
     for (const CLI::Option* option : options) {
       std::string text = option->get_description();
-      if (!option->get_default_str().empty()) text += " Default: " + option->get_default_str() + ".";
+      if (!option->get_default_str().empty())
+        text += " Default: " + option->get_default_str() + ".";
       page += entry(optionTerm(option), text);
     }
     page += "\nFILES\n       Every path is resolved under the device root (--root).\n";

@@ -14,9 +14,9 @@ namespace kelo::powerd {
 
 // One top-level powercap package domain at one instant.
 struct PackageCounter {
-  std::string zone;           // its folder name, e.g. "intel-rapl:0"
-  uint64_t energyUj = 0;      // energy_uj
-  uint64_t maxEnergyUj = 0;   // max_energy_range_uj: energy_uj wraps to 0 past it
+  std::string zone;          // its folder name, e.g. "intel-rapl:0"
+  uint64_t energyUj = 0;     // energy_uj
+  uint64_t maxEnergyUj = 0;  // max_energy_range_uj: energy_uj wraps to 0 past it
 };
 
 // One process at one instant, in clock ticks (ticksPerSecond()).

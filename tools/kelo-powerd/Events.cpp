@@ -35,7 +35,7 @@ std::optional<uint64_t> unsignedFrom(const Value* v) {
 
 Value unsignedValue(uint64_t n) {
   return n <= static_cast<uint64_t>(INT64_MAX) ? Value::integer(static_cast<int64_t>(n))
-                                                : Value::real(static_cast<double>(n));
+                                               : Value::real(static_cast<double>(n));
 }
 
 LineKind parseEventLine(std::string_view line, Event* event) {

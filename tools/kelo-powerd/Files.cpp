@@ -153,7 +153,8 @@ std::optional<FileIdentity> identify(const std::string& path, std::string* error
   }
   if (!S_ISREG(st.st_mode)) {
     if (error != nullptr) {
-      *error = failure(path, S_ISLNK(st.st_mode) ? "is a symbolic link" : "is not a regular file", 0);
+      *error =
+          failure(path, S_ISLNK(st.st_mode) ? "is a symbolic link" : "is not a regular file", 0);
     }
     return std::nullopt;
   }

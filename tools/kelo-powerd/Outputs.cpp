@@ -68,7 +68,8 @@ std::string prometheusText(const State& state, std::optional<double> batteryCapa
              "Start of the energy counters, in seconds since 1970.");
   out += "kelo_energy_reference_date_seconds " + std::to_string(state.referenceDate) + "\n";
   if (batteryCapacity) {
-    metricHead(&out, "kelo_battery_capacity_mwh", "gauge", "Design capacity of the battery, in mWh.");
+    metricHead(&out, "kelo_battery_capacity_mwh", "gauge",
+               "Design capacity of the battery, in mWh.");
     out += "kelo_battery_capacity_mwh " + number(*batteryCapacity) + "\n";
   }
   metricHead(&out, "kelo_powerd_journal_lines_skipped_total", "counter",

@@ -21,7 +21,9 @@ std::string underRoot(const std::string& root, const char* absolute) {
   return base + absolute;
 }
 
-void toStandardError(const std::string& line) { std::fprintf(stderr, "kelo-powerd: %s\n", line.c_str()); }
+void toStandardError(const std::string& line) {
+  std::fprintf(stderr, "kelo-powerd: %s\n", line.c_str());
+}
 
 }  // namespace
 
@@ -77,8 +79,9 @@ bool PowerDaemon::sample(double now) {
   const JournalChunk chunk = readJournal(journalPath_, state_.journal, kJournalReadLimit);
   report("journal", chunk.error);
   if (chunk.lostTrack) {
-    warn_(journalPath_ + ": rotated or truncated more than the last sample could follow; "
-                         "events in between may be missing");
+    warn_(journalPath_ +
+          ": rotated or truncated more than the last sample could follow; "
+          "events in between may be missing");
   }
   std::vector<Event> events;
   events.reserve(chunk.lines.size());

@@ -16,8 +16,8 @@ namespace {
 constexpr int64_t kVersion = 1;
 
 Value intervalValue(const IntervalKey& k) {
-  return Value::array({Value::string(k.bundleId), Value::integer(k.updateType),
-                       unsignedValue(k.seqNum)});
+  return Value::array(
+      {Value::string(k.bundleId), Value::integer(k.updateType), unsignedValue(k.seqNum)});
 }
 
 // Reads the fields of one state document; the first problem stops it with a message.
@@ -67,7 +67,8 @@ class Parser {
     if (!p.isDictionary()) return fail("a process is not an object");
     uint64_t pid = 0;
     TrackedProcess tracked;
-    if (!number(p.find("pid"), "pid", &pid) || !number(p.find("start"), "start", &tracked.startTicks) ||
+    if (!number(p.find("pid"), "pid", &pid) ||
+        !number(p.find("start"), "start", &tracked.startTicks) ||
         !optionalNumber(p, "cpu", &tracked.cpuTicks)) {
       return false;
     }
@@ -113,7 +114,8 @@ class Parser {
       return fail("\"referenceDate\" is not an integer");
     }
     state->referenceDate = date->integerValue();
-    if (const Value* boot = d.find("bootId"); boot != nullptr && !text(boot, "bootId", &state->bootId)) {
+    if (const Value* boot = d.find("bootId");
+        boot != nullptr && !text(boot, "bootId", &state->bootId)) {
       return false;
     }
     if (const Value* uptime = d.find("uptime"); uptime != nullptr) {
@@ -207,8 +209,8 @@ std::optional<State> stateFromJson(const std::string& text, std::string* error) 
   if (document.isError()) {
     const Value::Error& e = document.asError();
     if (error != nullptr) {
-      *error = e.message + " at line " + std::to_string(e.line) + ", column " +
-               std::to_string(e.column);
+      *error =
+          e.message + " at line " + std::to_string(e.line) + ", column " + std::to_string(e.column);
     }
     return std::nullopt;
   }

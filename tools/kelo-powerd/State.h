@@ -33,7 +33,7 @@ struct IntervalKey {
 // A process that announced work and still lives. It stays tracked while it lives, open
 // intervals or not, so that its CPU time has a baseline when its next work begins.
 struct TrackedProcess {
-  uint64_t startTicks = 0;          // tells this process from a later one with the same pid
+  uint64_t startTicks = 0;           // tells this process from a later one with the same pid
   std::optional<uint64_t> cpuTicks;  // utime + stime at the last sample; absent before the first
   std::set<IntervalKey> open;
 };

@@ -52,7 +52,8 @@ int main(int argc, char** argv) {
   settings.root = std::filesystem::absolute(options.root).lexically_normal().string();
   settings.cpuWatts = options.cpuWatts;
   if (!options.textfile.empty()) {
-    settings.textfileFolder = std::filesystem::absolute(options.textfile).lexically_normal().string();
+    settings.textfileFolder =
+        std::filesystem::absolute(options.textfile).lexically_normal().string();
   }
   RootReader reader(settings.root);
   PowerDaemon daemon(settings, reader);
