@@ -176,7 +176,7 @@ const Scenario kScenarios[] = {
                  "[]", "{\"event\": \"start\"}", R"({"pid": -1, "event": "stopAll"})",
                  R"({"pid": 42, "event": "start", "bundleID": 5, "updateType": 1, "seqNum": 1})",
                  R"({"pid": 42, "event": "start", "bundleID": "a", "updateType": 1, "seqNum": -1})",
-                 R"({"pid": 42, "event": "jump"})",
+                 R"({"pid": 42, "event": "jump"})", R"({"pid": 42})", R"({"pid": 42, "event": 1})",
                  R"({"pid": 42, "time": "now", "event": "stopAll"})",
                  "{\"pid\": 42, \"event\": \"start\", \"bundleID\": \"\xff\", \"updateType\": 1, "
                  "\"seqNum\": 1}",
@@ -188,8 +188,16 @@ const Scenario kScenarios[] = {
       interval(1)},
      {},
      "package",
-     9,
+     11,
      0},
+    // The package counters did not move: the process's CPU time buys nothing.
+    {"AnIdlePackageAttributesNothing",
+     {[](FakeDevice& d) { start(d), d.announce(kPid, "start", "com.a", 1, 1); },
+      [](FakeDevice& d) { cpu(d, 1); }},
+     {{"com.a/1", 0.0}},
+     "package",
+     0,
+     1},
 };
 
 TEST(PowerdScenarios, EndWithTheHandComputedTotals) {
