@@ -2,9 +2,10 @@
 // a daemon.
 //
 // Each name is one 16-byte state file under devicePath("/run/kelo/notify/") holding the state
-// word and a post generation. The state is set and read through a shared mapping of the file,
-// which raises no inotify event, so setting it alone wakes nobody. A post writes a new generation
-// with one pwrite(2); every process that registered a handler for the name has one watcher thread
+// word and a post generation, read with pread(2) and written with pwrite(2) (never mapped, so no
+// other process can fault a reader or writer by truncating the file). Setting the state leaves
+// the generation alone, so it wakes nobody. A post writes a new generation with one pwrite(2);
+// every process that registered a handler for the name has one watcher thread
 // (started by its first registration) that sees the write through inotify and, finding the
 // generation changed, delivers the handler on the registration's queue (on the watcher thread
 // itself when that queue is idle). Posts that arrive before a handler has run coalesce into one
@@ -15,8 +16,9 @@
 // folder (by its owner and mode) and to open the name's file for writing; the file must be a
 // regular file (links are not followed) owned by the caller or by the folder's owner. A missing
 // folder is created (0755, with its parents); a missing file is created with the folder's
-// permission bits minus execute. Whoever owns a state file or the folder is trusted not to
-// truncate a state file that others have mapped.
+// permission bits minus execute, so that exactly those who may write the folder may post: with
+// the installed folder (0755, root's) only root posts. A file shrunk or emptied by whoever may
+// write it reads as zeros.
 //
 // After fork(2), the child keeps its check registrations and drops its dispatch ones (it has no
 // watcher thread); a new dispatch registration starts its own.
@@ -57,12 +59,12 @@ inline constexpr std::size_t kNotifyMaxNameLength = 255;
 // process first opens the name. Blocks only on the file system.
 uint32_t notify_register_check(const char* name, int* outToken);
 
-// Stores `state` as the name's state word: an atomic store into the shared mapping of the name's
-// file, no system call. Wakes nobody. Fails for a token whose file is not writable.
+// Stores `state` as the name's state word with one pwrite(2). Wakes nobody. Fails for a token whose
+// file is not writable.
 uint32_t notify_set_state(int token, uint64_t state);
 
-// The name's current state word (0 for a name never set), an atomic load. Works for check and
-// dispatch tokens.
+// The name's current state word (0 for a name never set, or for a file cut short). Works for check
+// and dispatch tokens.
 uint32_t notify_get_state(int token, uint64_t* outState);
 
 // Wakes every registration of `name` in every process: one pwrite(2) of a new post generation

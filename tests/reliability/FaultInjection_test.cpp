@@ -181,7 +181,7 @@ TEST(PreferencesFaults, AFailedStepKeepsTheOldFileAndTheChangeStagedWithoutLefto
   }
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_TRUE(domain->synchronize());
-  EXPECT_EQ(platform::readJsonFile(domain->path()),
+  EXPECT_EQ(test::Sandbox::readJson(domain->path()),
             Value::dictionary({{"level", Value::integer(2)}}));
 }
 
@@ -195,7 +195,7 @@ TEST(PreferencesFaults, AFolderThatCannotBeMadeFailsTheWriteUntilItCanBe) {
   EXPECT_EQ(domain->contents().find("k")->integerValue(), 7) << "kept staged";
   s.files->heal();
   EXPECT_TRUE(domain->synchronize());
-  EXPECT_EQ(platform::readJsonFile(domain->path()), Value::dictionary({{"k", Value::integer(7)}}));
+  EXPECT_EQ(test::Sandbox::readJson(domain->path()), Value::dictionary({{"k", Value::integer(7)}}));
 }
 
 // The writer is killed before its 1st, 2nd, ... file operation until one write runs to its end.
@@ -229,7 +229,7 @@ TEST(PreferencesFaults, AWriterKilledAtAnyStepLeavesTheOldOrTheNewValueAndNoLeft
     completed = code == 0;
     if (!completed) killedBefore.insert(FaultyFileSystem::name(static_cast<Op>(code - kKilled)));
 
-    const Value file = platform::readJsonFile(domain->path());
+    const Value file = test::Sandbox::readJson(domain->path());
     ASSERT_TRUE(file.isDictionary()) << Sandbox::readFile(domain->path());
     ASSERT_NE(file.find("other"), nullptr);
     EXPECT_EQ(file.find("other")->asString(), "kept");

@@ -196,7 +196,7 @@ TEST_F(SecurityTest, FormatDirectivesInDataAreWrittenLiterally) {
   EXPECT_NE(journal.find("\"bundleID\":\"" + h + "\""), std::string::npos) << journal;
   const auto rows = platform::readMetricsDatabase(platform::metricsDatabasePath()).rows;
   EXPECT_NE(std::find(rows.begin(), rows.end(), std::make_pair(h, int64_t{3})), rows.end());
-  EXPECT_EQ(platform::readJsonFile(domain(h)), Value::dictionary({{h, Value::string(h)}}));
+  EXPECT_EQ(test::Sandbox::readJson(domain(h)), Value::dictionary({{h, Value::string(h)}}));
 }
 
 TEST_F(SecurityTest, IdentifiersThatLookLikePathsStayData) {

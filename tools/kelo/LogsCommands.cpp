@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <thread>
+#include <vector>
 
 #include "platform/Facts.h"
 #include "platform/Json.h"
+#include "platform/SafeFile.h"
 #include "tools/common/Files.h"
 #include "tools/kelo/Commands.h"
 
@@ -81,12 +83,13 @@ int logsTail(const Context& context, bool follow, int lines, const std::string& 
       }
     }
   }
-  struct stat st;
-  if (path.empty() || ::stat(path.c_str(), &st) != 0) {
-    return fail(kExitNotFound, path.empty() ? "no live log under " + logsFolder()
-                                            : "no live log at " + path);
-  }
-  for (const std::string& line : tools::lastLines(path, static_cast<std::size_t>(lines))) {
+  if (path.empty()) return fail(kExitNotFound, "no live log under " + logsFolder());
+  std::vector<std::string> tail;
+  const platform::ReadResult read =
+      platform::lastLines(path, static_cast<std::size_t>(lines), platform::kLogReadLimit, &tail);
+  if (read.missing) return fail(kExitNotFound, "no live log at " + path);
+  if (!read.ok) return fail(kExitFailure, read.error);
+  for (const std::string& line : tail) {
     std::printf("%s\n", line.c_str());
   }
   std::fflush(stdout);
