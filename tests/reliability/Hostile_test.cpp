@@ -91,7 +91,12 @@ bool unchanged(const std::string& path, const std::string& content) {
 void plant(Form form, const std::string& path, const Kind& kind, const std::string& elsewhere) {
   fs::remove_all(path);
   fs::create_directories(fs::path(path).parent_path());
-  Sandbox::writeFile(elsewhere, kind.content);
+  // A folder the library writes into has an empty content: the link then names a folder.
+  if (kind.content.empty()) {
+    fs::create_directories(elsewhere);
+  } else {
+    Sandbox::writeFile(elsewhere, kind.content);
+  }
   switch (form) {
     case Form::kFifo:
       if (::mkfifo(path.c_str(), 0666) != 0) throw std::runtime_error("mkfifo failed");
@@ -181,6 +186,26 @@ std::vector<Kind> kinds() {
                 (fs::is_regular_file(fs::symlink_status(path)) && !unchanged(path, "not a log\n"));
        },
        kWriteForms},
+      {"logs folder",
+       [](const Sandbox& s) { return s.homePath() + "/Library/Logs"; },
+       "",
+       0,
+       [](const Sandbox& s, const std::string&) {
+         KELO_CLOGMODE(true);
+         KeloLogger::instance()->logToFileCString("a hostile line");
+         return !fs::is_empty(s.homePath() + "/elsewhere");
+       },
+       {Form::kFifo, Form::kLinkElsewhere, Form::kLinkToZero}},
+      {"dump folder",
+       [](const Sandbox& s) { return s.homePath() + "/Library/Logs/Wreckbox/DiagnosticLogs"; },
+       "",
+       0,
+       [](const Sandbox& s, const std::string&) {
+         KeloLogger::instance()->dumpAllLogs();
+         KeloLogger::instance()->logToFileCString(nullptr);  // waits for the dump
+         return !fs::is_empty(s.homePath() + "/elsewhere");
+       },
+       {Form::kFifo, Form::kLinkElsewhere, Form::kLinkToZero}},
       {"notification state",
        [](const Sandbox& s) { return s.rootPath() + "/run/kelo/notify/" + kNotifyName; },
        std::string(16, 'x'),
@@ -236,7 +261,8 @@ std::string runPair(const Kind& kind, Form form) {
   if (took != accepted) {
     failure += accepted ? "the file was refused; " : "the hostile file was used; ";
   }
-  if (form == Form::kLinkElsewhere && !unchanged(elsewhere, kind.content)) {
+  if (form == Form::kLinkElsewhere && !kind.content.empty() &&
+      !unchanged(elsewhere, kind.content)) {
     failure += "written through the link; ";
   }
   int naming = 0;
