@@ -174,10 +174,8 @@ Value parseJson(std::string_view text, std::string_view fileName) {
     for (std::size_t i = 0; i < text.size(); ++i) {
       const char c = text[i];
       if (inString) {
-        if (c == '\\')
-          ++i;
-        else if (c == '"')
-          inString = false;
+        if (c == '\\') ++i;
+        else if (c == '"') inString = false;
       } else if (c == '"') {
         inString = true;
       } else if (c == '{' || c == '[') {

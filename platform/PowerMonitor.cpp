@@ -24,7 +24,7 @@ constexpr char kEventsPath[] = "/run/kelo/energy-events.jsonl";
 constexpr char kReportPath[] = "/run/kelo/energy-report.json";
 
 // Bits of FilePowerMonitor::warned_.
-enum Warning : int { kWarnOpen, kWarnLock, kWarnRotate, kWarnWrite, kWarnReport };
+enum Warning : int { kWarnLock, kWarnRotate, kWarnWrite, kWarnReport };
 
 // Rotations by other processes can make an append start over; it gives up after this many.
 constexpr int kAppendAttempts = 8;

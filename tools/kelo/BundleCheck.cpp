@@ -40,21 +40,14 @@ std::string_view nameOf(config::Group group) {
 
 std::string typeName(const Value& v) {
   switch (v.type()) {
-    case Value::Type::kNull:
-      return "null";
-    case Value::Type::kBoolean:
-      return "a boolean";
+    case Value::Type::kNull: return "null";
+    case Value::Type::kBoolean: return "a boolean";
     case Value::Type::kInteger:
-    case Value::Type::kReal:
-      return "a number";
-    case Value::Type::kString:
-      return "a string";
-    case Value::Type::kArray:
-      return "an array";
-    case Value::Type::kDictionary:
-      return "a dictionary";
-    default:
-      return "a value";
+    case Value::Type::kReal: return "a number";
+    case Value::Type::kString: return "a string";
+    case Value::Type::kArray: return "an array";
+    case Value::Type::kDictionary: return "a dictionary";
+    default: return "a value";
   }
 }
 
@@ -93,10 +86,8 @@ class Checker {
       const config::KeyInfo* known = nullptr;
       const config::KeyInfo* sameLetters = nullptr;
       for (const config::KeyInfo& k : config::kKeys) {
-        if (k.name == key)
-          known = &k;
-        else if (lower(k.name) == lower(key))
-          sameLetters = &k;
+        if (k.name == key) known = &k;
+        else if (lower(k.name) == lower(key)) sameLetters = &k;
       }
       if (known == nullptr) {
         std::string message = "unknown key: the configurator ignores it";
@@ -152,8 +143,8 @@ void stringList(const Value& v, const std::string& where, Checker& check) {
 }  // namespace
 
 int BundleCheck::errors() const {
-  return static_cast<int>(
-      std::count_if(findings.begin(), findings.end(), [](const Finding& f) { return f.error; }));
+  return static_cast<int>(std::count_if(findings.begin(), findings.end(),
+                                        [](const Finding& f) { return f.error; }));
 }
 int BundleCheck::warnings() const { return static_cast<int>(findings.size()) - errors(); }
 
@@ -181,8 +172,8 @@ BundleCheck checkBundle(const std::string& path) {
     return result;
   }
   if (!info.isDictionary()) {
-    check.error("Info.json",
-                "the information dictionary must be a JSON object, found " + typeName(info));
+    check.error("Info.json", "the information dictionary must be a JSON object, found " +
+                                 typeName(info));
     return result;
   }
   for (const auto& [name, value] : info.asDictionary()) {
