@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <thread>
@@ -21,6 +20,7 @@
 #include "kelo/energy.h"
 #include "kelo/logging.h"
 #include "platform/Metrics.h"
+#include "platform/SafeFile.h"
 #include "tools/common/Files.h"
 #include "tools/kelo-sim/SimPowerMonitor.h"
 
@@ -230,7 +230,12 @@ bool prepareRoot(const Options& options, std::string* error) {
     *error = "cannot create " + options.root + ": " + ec.message();
     return false;
   }
-  std::ofstream(root / kRootMarker) << "made by kelo-sim; cleared by its next run\n";
+  if (std::string failure = platform::replaceFile((root / kRootMarker).string(),
+                                                  "made by kelo-sim; cleared by its next run\n", 0644);
+      !failure.empty()) {
+    *error = failure;
+    return false;
+  }
   if (!fs::exists(fs::path(options.bundleSource) / "Info.json", ec)) {
     *error = "no configuration bundle at " + options.bundleSource + " (give one with --bundle)";
     return false;
@@ -242,8 +247,12 @@ bool prepareRoot(const Options& options, std::string* error) {
     *error = "cannot copy the bundle into the root: " + ec.message();
     return false;
   }
-  fs::create_directories(root / "etc/kelo", ec);
-  std::ofstream(root / "etc/kelo/device.json") << "{\"InternalBuild\": true}\n";
+  if (std::string failure = platform::replaceFile((root / "etc/kelo/device.json").string(),
+                                                  "{\"InternalBuild\": true}\n", 0644);
+      !failure.empty()) {
+    *error = failure;
+    return false;
+  }
   fs::create_directories(root / "home", ec);
   if (access(options.keloTool.c_str(), X_OK) != 0) {
     *error = "the kelo tool is not at " + options.keloTool + " (give it with --kelo)";
