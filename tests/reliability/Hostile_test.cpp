@@ -3,6 +3,7 @@
 // it must end in the documented outcome (the neutral value, nothing written through a link, at
 // most one message naming the path), without a crash, a hang or a memory spike, and the process
 // must go on working: the next lookup, log line and report behave.
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -28,6 +30,7 @@
 #include "platform/SafeFile.h"
 #include "platform/SerialQueue.h"
 #include "tests/config/ConfigTestSupport.h"
+#include "tests/support/FaultyFileSystem.h"
 #include "tests/support/Sandbox.h"
 
 namespace kelo {
@@ -48,12 +51,13 @@ enum class Form {
   kFolder,
   kTruncatedInUse,
   kUnreadable,
-  kForeignOwner
+  kForeignOwner,
+  kReadFails  // the disk fails the read (through the FileSystem override)
 };
 const char* nameOf(Form f) {
   static const char* const kNames[] = {"fifo",       "link-elsewhere",  "link-to-dev-zero",
                                        "oversized",  "folder-in-place", "truncated-in-use",
-                                       "unreadable", "foreign-owner"};
+                                       "unreadable", "foreign-owner",   "read-fails"};
   return kNames[static_cast<int>(f)];
 }
 
@@ -121,6 +125,7 @@ void plant(Form form, const std::string& path, const Kind& kind, const std::stri
       break;
     case Form::kUnreadable:
     case Form::kForeignOwner:
+    case Form::kReadFails:
       Sandbox::writeFile(path, kind.content);
       if (form == Form::kUnreadable) ::chmod(path.c_str(), 0);
       if (form == Form::kForeignOwner && ::chown(path.c_str(), kStranger, kStranger) != 0) {
@@ -131,8 +136,9 @@ void plant(Form form, const std::string& path, const Kind& kind, const std::stri
 }
 
 const std::vector<Form> kReadForms = {
-    Form::kFifo,   Form::kLinkElsewhere,  Form::kLinkToZero, Form::kOversized,
-    Form::kFolder, Form::kTruncatedInUse, Form::kUnreadable, Form::kForeignOwner};
+    Form::kFifo,       Form::kLinkElsewhere, Form::kLinkToZero,
+    Form::kOversized,  Form::kFolder,        Form::kTruncatedInUse,
+    Form::kUnreadable, Form::kForeignOwner,  Form::kReadFails};
 const std::vector<Form> kWriteForms = {Form::kFifo, Form::kLinkElsewhere, Form::kLinkToZero,
                                        Form::kFolder, Form::kForeignOwner};
 
@@ -247,11 +253,14 @@ std::string runPair(const Kind& kind, Form form) {
   // No rotation of an old live log: the live log's own refusal is what is tested.
   o.deviceAnswers = Value::dictionary({{"InternalBuild", Value::boolean(false)}});
   if (std::string(kind.name) == "device answers") o.deviceAnswers.reset();
+  auto files = std::make_shared<test::FaultyFileSystem>();
+  o.fileSystem = files;
   sandbox.install(std::move(o));
   test::installShippedBundle(sandbox);
   const std::string path = kind.path(sandbox);
   const std::string elsewhere = sandbox.homePath() + "/elsewhere";
   plant(form, path, kind, elsewhere);
+  if (form == Form::kReadFails) files->fail(test::FaultyFileSystem::Op::kRead, EIO, path);
 
   const bool accepted =
       std::find(kind.accepted.begin(), kind.accepted.end(), form) != kind.accepted.end();
