@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -94,18 +95,19 @@ int logsTail(const Context& context, bool follow, int lines, const std::string& 
   }
   std::fflush(stdout);
   if (!follow) return kExitOk;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return fail(kExitFailure, "cannot read " + path);
-  std::fseek(f, 0, SEEK_END);
-  char buffer[4096];
+  // Follows the file that was shown, by identity: a link or FIFO put in its place is not read.
+  std::optional<platform::FileIdentity> file = platform::identify(path);
+  if (!file) return fail(kExitFailure, "cannot read " + path);
+  uint64_t offset = file->size;
   for (;;) {
-    const size_t n = std::fread(buffer, 1, sizeof buffer, f);
-    if (n > 0) {
-      std::fwrite(buffer, 1, n, stdout);
+    bool same = false;
+    const platform::ReadResult chunk = platform::readRange(path, *file, offset, 65536, &same);
+    if (same && !chunk.data.empty()) {
+      std::fwrite(chunk.data.data(), 1, chunk.data.size(), stdout);
       std::fflush(stdout);
+      offset += chunk.data.size();
       continue;
     }
-    std::clearerr(f);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
 }
