@@ -2,10 +2,11 @@
 // a daemon.
 //
 // Each name is one 16-byte state file under devicePath("/run/kelo/notify/") holding the state
-// word and a post generation, read with pread(2) and written with pwrite(2) (never mapped, so no
-// other process can fault a reader or writer by truncating the file). Setting the state leaves
-// the generation alone, so it wakes nobody. A post writes a new generation with one pwrite(2);
-// every process that registered a handler for the name has one watcher thread
+// word and a post generation. A file only its trusted owner may write is mapped shared and its
+// state read and set with atomic loads and stores; a file others may write is never mapped, only
+// read with pread(2) and written with pwrite(2), so that no other process can fault a reader or
+// writer by truncating it (see NotifyStateFile.h). Setting the state leaves the generation alone,
+// so it wakes nobody. A post writes a new generation with one pwrite(2); every process that registered a handler for the name has one watcher thread
 // (started by its first registration) that sees the write through inotify and, finding the
 // generation changed, delivers the handler on the registration's queue (on the watcher thread
 // itself when that queue is idle). Posts that arrive before a handler has run coalesce into one
@@ -17,8 +18,8 @@
 // regular file (links are not followed) owned by the caller or by the folder's owner. A missing
 // folder is created (0755, with its parents); a missing file is created with the folder's
 // permission bits minus execute, so that exactly those who may write the folder may post: with
-// the installed folder (0755, root's) only root posts. A file shrunk or emptied by whoever may
-// write it reads as zeros.
+// the installed folder (0755, root's) only root posts. A file others may write that is shrunk or
+// emptied reads as zeros.
 //
 // After fork(2), the child keeps its check registrations and drops its dispatch ones (it has no
 // watcher thread); a new dispatch registration starts its own.
@@ -59,7 +60,8 @@ inline constexpr std::size_t kNotifyMaxNameLength = 255;
 // process first opens the name. Blocks only on the file system.
 uint32_t notify_register_check(const char* name, int* outToken);
 
-// Stores `state` as the name's state word with one pwrite(2). Wakes nobody. Fails for a token whose
+// Stores `state` as the name's state word: an atomic store into the mapping, or one pwrite(2)
+// for a file others may write. Wakes nobody. Fails for a token whose
 // file is not writable.
 uint32_t notify_set_state(int token, uint64_t state);
 

@@ -113,7 +113,9 @@ uint32_t openStateFile(const char* name, Access access, std::shared_ptr<StateFil
     fileSystem().close(fd);
     return kNotifyStatusNotAuthorized;
   }
-  auto file = std::make_shared<StateFile>(fd, folder.owner, accessMode != O_RDONLY);
+  // Mapped only when nobody but its trusted owner may write it, so nobody else can shrink it.
+  const bool mappable = (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  auto file = std::make_shared<StateFile>(fd, folder.owner, accessMode != O_RDONLY, mappable);
   if (!file->prepare()) return kNotifyStatusFailed;
   *out = std::move(file);
   return kNotifyStatusOk;

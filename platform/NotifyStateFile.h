@@ -3,18 +3,12 @@
 #ifndef KELO_PLATFORM_NOTIFYSTATEFILE_H_
 #define KELO_PLATFORM_NOTIFYSTATEFILE_H_
 
-#include <errno.h>
-#include <sys/stat.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
-
-#include "platform/Facts.h"
 
 namespace kelo::platform::notify {
 
@@ -27,63 +21,45 @@ struct Record {
 constexpr size_t kRecordSize = sizeof(Record);
 static_assert(kRecordSize == 16);
 
-// Writes one word at `offset` with a single pwrite(2).
-bool writeWord(int fd, off_t offset, uint64_t value);
-
-// An open state file, read and written with pread(2) and pwrite(2) only: nothing is mapped, so
-// another process that truncates, shrinks or replaces the file cannot fault this one; a short
-// file reads as zeros. Each word is written whole by one pwrite(2) and neither writer touches the
-// other's word, so setting the state cannot undo a post nor a post a state. A read is taken twice
-// and only kept once both agree, so a record never mixes words from before and after a write.
+// An open state file. Who may change it decides how it is used:
+//
+// - A file only its owner may write (no group or other write bit; the owner is this process's
+//   user or the folder's, both trusted) is mapped shared, and the state is read and set with
+//   plain atomic loads and stores: a store to a mapping raises no inotify event, so setting the
+//   state wakes nobody, and reading it costs no system call. Nobody else can shrink the file
+//   under the mapping: truncate(2) needs the right to write the file, and a rename or unlink in
+//   the folder leaves the mapped file whole.
+// - A file others may write is never mapped: it is read with pread(2) and written with
+//   pwrite(2), so a process that truncates or shrinks it cannot fault this one; a short file
+//   reads as zeros. A read is taken twice and kept once both agree, so a record never mixes
+//   words from before and after a write.
+//
+// Either way each word is written whole and neither writer touches the other's word, so setting
+// the state cannot undo a post nor a post a state. A post is always one pwrite(2) of the
+// generation, which raises the inotify event that wakes the watchers.
 class StateFile {
  public:
-  StateFile(int fd, uid_t folderOwner, bool writable)
-      : fd_(fd), folderOwner_(folderOwner), writable_(writable), checkedAtMs_(nowMs()) {}
-  ~StateFile() { fileSystem().close(fd_); }
+  StateFile(int fd, uid_t folderOwner, bool writable, bool mappable)
+      : fd_(fd),
+        folderOwner_(folderOwner),
+        writable_(writable),
+        mappable_(mappable),
+        checkedAtMs_(nowMs()) {}
+  ~StateFile();
   StateFile(const StateFile&) = delete;
   StateFile& operator=(const StateFile&) = delete;
 
   // Still the name's file: not unlinked, still a regular file of an allowed owner. Checked with
   // fstat(2) at most once a second, which keeps a report free of extra system calls.
-  bool stillValid() {
-    const int64_t now = nowMs();
-    if (now - checkedAtMs_.load(std::memory_order_relaxed) < 1000) return true;
-    struct stat st;
-    const bool valid = fileSystem().fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) &&
-                       st.st_nlink > 0 && (st.st_uid == ::geteuid() || st.st_uid == folderOwner_);
-    if (valid) checkedAtMs_.store(now, std::memory_order_relaxed);
-    return valid;
-  }
+  bool stillValid();
 
-  bool read(Record* out) {
-    Record first;
-    if (!readOnce(&first)) return false;
-    for (int attempt = 0; attempt < 8; ++attempt) {
-      Record second;
-      if (!readOnce(&second)) return false;
-      if (std::memcmp(&first, &second, kRecordSize) == 0) break;
-      first = second;
-    }
-    *out = first;
-    return true;
-  }
+  bool read(Record* out);
+  bool setState(uint64_t state);
+  bool post();
 
-  bool setState(uint64_t state) {
-    return writable_ && writeWord(fd_, offsetof(Record, state), state);
-  }
-
-  bool post() {
-    return writable_ && writeWord(fd_, offsetof(Record, generation), nextGeneration());
-  }
-
-  // A writable file is grown to a full record before use. Growing never cuts what another
-  // process wrote.
-  bool prepare() {
-    if (!writable_) return true;
-    struct stat st;
-    if (fileSystem().fstat(fd_, &st) != 0) return false;
-    return st.st_size >= static_cast<off_t>(kRecordSize) || ::ftruncate(fd_, kRecordSize) == 0;
-  }
+  // A writable file is grown to a full record before use (growing never cuts what another
+  // process wrote), and a mappable one is mapped.
+  bool prepare();
 
  private:
   static uint64_t nextGeneration();
@@ -92,21 +68,14 @@ class StateFile {
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
   }
-
-  bool readOnce(Record* out) {
-    unsigned char bytes[kRecordSize] = {};
-    ssize_t n;
-    do {
-      n = fileSystem().pread(fd_, bytes, kRecordSize, 0);
-    } while (n < 0 && errno == EINTR);
-    if (n < 0) return false;
-    std::memcpy(out, bytes, kRecordSize);  // a short file reads as zeros
-    return true;
-  }
+  bool readOnce(Record* out);
+  uint64_t* tryMap();
 
   const int fd_;
   const uid_t folderOwner_;
   const bool writable_;
+  const bool mappable_;
+  std::atomic<uint64_t*> words_{nullptr};
   std::atomic<int64_t> checkedAtMs_;  // steady clock, when the file was last found valid
 };
 

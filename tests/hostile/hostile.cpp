@@ -160,7 +160,9 @@ bool plant(Form form, const Kind& kind, const std::string& path, const Places& p
     case kTruncated:
       if (kind.content.empty()) return false;
       writeFile(path, kind.read ? kind.content.substr(0, kind.content.size() / 2) : kind.content);
-      return true;
+      // A file others may write, in a folder others may write: any user could cut it.
+      return kind.read || (::chmod(fs::path(path).parent_path().c_str(), 0777) == 0 &&
+                           ::chmod(path.c_str(), 0666) == 0);
     case kUnreadable:
       if (::geteuid() == 0 || kind.content.empty()) return false;
       writeFile(path, kind.content);

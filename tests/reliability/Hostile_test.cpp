@@ -121,9 +121,14 @@ void plant(Form form, const std::string& path, const Kind& kind, const std::stri
       break;
     case Form::kTruncatedInUse:
       // A file that is read is cut short before the read; one that is kept open is cut while in
-      // use, by the exercise.
+      // use, by the exercise. A state file everyone may write, in a folder everyone may write: any
+      // user could cut it.
       Sandbox::writeFile(
           path, kind.limit > 0 ? kind.content.substr(0, kind.content.size() / 2) : kind.content);
+      if (kind.limit == 0) {
+        ::chmod(fs::path(path).parent_path().c_str(), 0777);
+        ::chmod(path.c_str(), 0666);
+      }
       break;
     case Form::kUnreadable:
     case Form::kForeignOwner:
