@@ -6,12 +6,13 @@
 // state read and set with atomic loads and stores; a file others may write is never mapped, only
 // read with pread(2) and written with pwrite(2), so that no other process can fault a reader or
 // writer by truncating it (see NotifyStateFile.h). Setting the state leaves the generation alone,
-// so it wakes nobody. A post writes a new generation with one pwrite(2); every process that registered a handler for the name has one watcher thread
-// (started by its first registration) that sees the write through inotify and, finding the
-// generation changed, delivers the handler on the registration's queue (on the watcher thread
-// itself when that queue is idle). Posts that arrive before a handler has run coalesce into one
-// delivery; the handler reads the latest state with notify_get_state. A lost inotify queue is
-// recovered by re-reading the generation of every registered name.
+// so it wakes nobody. A post writes a new generation with one pwrite(2); every process that
+// registered a handler for the name has one watcher thread (started by its first registration)
+// that sees the write through inotify and, finding the generation changed, delivers the handler
+// on the registration's queue (on the watcher thread itself when that queue is idle). Posts that
+// arrive before a handler has run coalesce into one delivery; the handler reads the latest state
+// with notify_get_state. A lost inotify queue is recovered by re-reading the generation of every
+// registered name.
 //
 // Who may post is decided by the notification folder: the caller must be allowed to write the
 // folder (by its owner and mode) and to open the name's file for writing; the file must be a
