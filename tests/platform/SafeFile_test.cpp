@@ -1,5 +1,6 @@
-// The file layer's own edges: the size limit to the byte, the window of lastLines, and a write
-// that the disk cuts short. Hostile forms of every file are in tests/reliability/Hostile_test.cpp.
+// The file layer's own edges: the size limit to the byte, the window of lastLines, a write
+// that the disk cuts short and a replacement that fails. Hostile forms of every file are in
+// tests/reliability/Hostile_test.cpp.
 #include "platform/SafeFile.h"
 
 #include <fcntl.h>
@@ -19,7 +20,7 @@ namespace {
 using test::FaultyFileSystem;
 using test::Sandbox;
 
-TEST(SafeFile, ReadsUpToTheLimitAndRefusesOneByteMoreAndShowsOnlyWholeLastLines) {
+TEST(SafeFile, ReadsToTheLimitShowsWholeLastLinesAndFailedWritesLeaveNothingBehind) {
   Sandbox sandbox;
   auto files = std::make_shared<FaultyFileSystem>();
   Overrides o;
@@ -54,6 +55,15 @@ TEST(SafeFile, ReadsUpToTheLimitAndRefusesOneByteMoreAndShowsOnlyWholeLastLines)
   EXPECT_TRUE(writeAll(fd, "0123456789", 10));
   fileSystem().close(fd);
   EXPECT_EQ(Sandbox::readFile(path + "-log"), "0123456780123456789");
+
+  // A replacement that cannot be renamed into place leaves the old file and no temporary one.
+  const std::string folder = sandbox.homePath() + "/folder";
+  Sandbox::writeFile(folder + "/kept", "old");
+  files->fail(FaultyFileSystem::Op::kRename, EIO, "kept");
+  EXPECT_NE(replaceFile(folder + "/kept", "new", 0644), "");
+  files->heal();
+  EXPECT_EQ(listFolder(folder), std::vector<std::string>{"kept"});
+  EXPECT_EQ(Sandbox::readFile(folder + "/kept"), "old");
 }
 
 }  // namespace
