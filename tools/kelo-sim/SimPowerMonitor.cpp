@@ -10,8 +10,7 @@ void SimPowerMonitor::setRate(const std::string& app, int16_t type, double milli
   rates_[{app, type}] = milliwatts;
 }
 
-void SimPowerMonitor::logEvent(const char* bundleId, int16_t type, uint64_t seqNum,
-                               int32_t kind) {
+void SimPowerMonitor::logEvent(const char* bundleId, int16_t type, uint64_t seqNum, int32_t kind) {
   const double now = clock_();
   std::lock_guard<std::mutex> lock(mutex_);
   ++events_;

@@ -43,11 +43,11 @@ class SimPowerMonitor : public platform::PowerMonitor {
   std::function<double()> clock_;
   const double capacity_;
   mutable std::mutex mutex_;
-  double referenceDate_;                      // mutex_
-  std::map<Key, double> rates_;               // mutex_
-  std::map<Key, double> cumulative_;          // mutex_, milliwatt-hours
-  std::map<uint64_t, Running> running_;       // mutex_, by sequence number
-  int64_t events_ = 0;                        // mutex_
+  double referenceDate_;                 // mutex_
+  std::map<Key, double> rates_;          // mutex_
+  std::map<Key, double> cumulative_;     // mutex_, milliwatt-hours
+  std::map<uint64_t, Running> running_;  // mutex_, by sequence number
+  int64_t events_ = 0;                   // mutex_
 };
 
 }  // namespace kelo::sim
