@@ -37,7 +37,10 @@ int64_t Ledger::outstanding(const AppUse& a, int category) const {
 }
 
 Denial Ledger::decide(AmpvexStub* energy, double now, int app, Category category, bool poorSignal) {
-  if (!pending_.empty() && now - lastRead_ >= kReadInterval) read(energy, now);
+  // Only the budgets need energy between the periodic readings.
+  if (config_.enableBudgeting && !pending_.empty() && now - lastRead_ >= kReadInterval) {
+    read(energy, now);
+  }
   const int c = static_cast<int>(category);
   const AppUse& a = apps_[app];
   if (poorSignal) return Denial::kPoorSignal;
