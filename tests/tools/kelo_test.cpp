@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
@@ -28,8 +29,8 @@ class KeloToolTest : public ::testing::Test {
   }
 
   ToolRun kelo(std::vector<std::string> args) {
-    args.insert(args.begin(), {KELO_TOOL_PATH, "--root", sandbox_.rootPath(), "--home",
-                               sandbox_.homePath()});
+    args.insert(args.begin(),
+                {KELO_TOOL_PATH, "--root", sandbox_.rootPath(), "--home", sandbox_.homePath()});
     return runTool(args);
   }
 
@@ -111,8 +112,9 @@ TEST_F(KeloToolTest, ConfigCheckFindsUnknownMisplacedAndMistypedKeys) {
   const ToolRun run = kelo({"config", "check", bad});
   EXPECT_EQ(run.exitCode, 1);
   for (const char* expected :
-       {"commonDefaults.maxFetchApps: wrong type", "commonDefaults.fetchAppPowerBudget: key outside",
-        "did you mean \"maxFetchApps\"", "commonDefaults.enableBudgeting: wrong type",
+       {"commonDefaults.maxFetchApps: wrong type",
+        "commonDefaults.fetchAppPowerBudget: key outside", "did you mean \"maxFetchApps\"",
+        "commonDefaults.enableBudgeting: wrong type",
         "whenToLaunch: \"whenToLaunch\" belongs inside", "fetchBudget.noSuchKey: unknown key",
         "blacklist[1]"}) {
     EXPECT_NE(run.out.find(expected), std::string::npos) << expected << "\n" << run.out;
@@ -128,7 +130,10 @@ TEST_F(KeloToolTest, ConfigCheckFindsUnknownMisplacedAndMistypedKeys) {
 
 TEST_F(KeloToolTest, DefaultsWriteReadAndDeleteEveryKindOfValue) {
   const std::vector<std::pair<std::string, std::string>> writes = {
-      {"count", "42"}, {"ratio", "2.5"}, {"flag", "true"}, {"name", "hello world"},
+      {"count", "42"},
+      {"ratio", "2.5"},
+      {"flag", "true"},
+      {"name", "hello world"},
       {"dict", R"({"commonDefaults": {"maxFetchApps": 3}})"}};
   for (const auto& [key, value] : writes) {
     const ToolRun w = kelo({"defaults", "write", "com.example.test", key, value});
@@ -149,7 +154,8 @@ TEST_F(KeloToolTest, DefaultsWriteReadAndDeleteEveryKindOfValue) {
   const ToolRun malformed = kelo({"defaults", "write", "com.example.test", "d", "{\"a\": }"});
   EXPECT_EQ(malformed.exitCode, 2);
   EXPECT_NE(malformed.err.find("malformed"), std::string::npos);
-  EXPECT_EQ(kelo({"defaults", "write", "com.example.test", "n", "x1", "--type", "int"}).exitCode, 2);
+  EXPECT_EQ(kelo({"defaults", "write", "com.example.test", "n", "x1", "--type", "int"}).exitCode,
+            2);
   EXPECT_EQ(kelo({"defaults", "read", "com.example.unknown"}).exitCode, 3);
   EXPECT_EQ(kelo({"defaults", "read", "../escape"}).exitCode, 2);
   EXPECT_EQ(kelo({"defaults", "write", "a/b", "k", "1"}).exitCode, 2);
@@ -160,14 +166,14 @@ TEST_F(KeloToolTest, ReportReachesAListenerInAnotherProcess) {
   platform::SerialQueue queue("test.reports");
   std::atomic<uint64_t> state{0};
   int token = 0;
-  ASSERT_EQ(platform::notify_register_dispatch(
-                "com.vorn.Kelo.CUMUNotificationReport", &token, &queue,
-                [&state](int t) {
-                  uint64_t s = 0;
-                  platform::notify_get_state(t, &s);
-                  state = s;
-                }),
-            platform::kNotifyStatusOk);
+  ASSERT_EQ(
+      platform::notify_register_dispatch("com.vorn.Kelo.CUMUNotificationReport", &token, &queue,
+                                         [&state](int t) {
+                                           uint64_t s = 0;
+                                           platform::notify_get_state(t, &s);
+                                           state = s;
+                                         }),
+      platform::kNotifyStatusOk);
   auto waitForState = [&state](uint64_t expected) {
     for (int i = 0; i < 5000 && state.load() != expected; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -191,17 +197,133 @@ TEST_F(KeloToolTest, MetricsPrintsTableJsonAndPrometheus) {
   platform::CumuClientSetValueForScalarKey("com.vorn.Kelo.fetch.denied", 5);
   platform::CumuClientAddValueForScalarKey("com.vorn.Kelo.push.denied", 3);
   platform::CumuClientAddValueForScalarKey("com.vorn.Kelo.push.denied", 3);
+  platform::CumuClientSetValueForScalarKey("com.vorn.Kelo.predictHitNeg15M", 7);
+  platform::CumuClientSetValueForScalarKey("com.vorn.Kelo.prewarmHitNeg15M", 4);
+  platform::CumuClientSetValueForScalarKey("com.vorn.Kelo.prewarmHit", 2);
+  platform::CumuClientSetValueForScalarKey("com.vorn.Kelo.fetch.denied.poor_signal", 1);
+  platform::CumuClientSetValueForScalarKey("com.vorn.Kelo.avgBGDownloadSize", 9);
 
   const Value json = platform::parseJson(kelo({"metrics", "--format", "json"}).out);
   EXPECT_EQ(json.find("com.vorn.Kelo.fetch.denied")->integerValue(), 5);
   EXPECT_EQ(json.find("com.vorn.Kelo.push.denied")->integerValue(), 6);
   const ToolRun prometheus = kelo({"metrics", "--format", "prometheus"});
-  EXPECT_NE(prometheus.out.find("\ncom_vorn_Kelo_push_denied 6\n"), std::string::npos)
-      << prometheus.out;
-  EXPECT_NE(prometheus.out.find("# HELP com_vorn_Kelo_fetch_denied com.vorn.Kelo.fetch.denied"),
-            std::string::npos);
+  for (const char* line : {
+           "# TYPE kelo_push_denied_total counter\nkelo_push_denied_total 6\n",
+           "# TYPE kelo_avg_bg_download_size gauge\nkelo_avg_bg_download_size 9\n",
+           "kelo_zone_launches_total{family=\"prediction\",zone=\"Neg15M\"} 7\n",
+           "kelo_zone_launches_total{family=\"prewarm\",zone=\"Neg15M\"} 4\n",
+           "kelo_prewarm_launches_total{outcome=\"hit\"} 2\n",
+           "kelo_fetch_denials_by_reason_total{reason=\"poor_signal\"} 1\n",
+       }) {
+    EXPECT_NE(prometheus.out.find(line), std::string::npos) << line << prometheus.out;
+  }
+  // One HELP and one TYPE per family, before its samples.
+  EXPECT_EQ(prometheus.out.find("# TYPE kelo_zone_launches_total"),
+            prometheus.out.rfind("# TYPE kelo_zone_launches_total"));
+  EXPECT_NE(prometheus.out.find("# HELP kelo_zone_launches_total "), std::string::npos);
+  // The textfile collector's file holds the same, and nothing is left beside it.
+  const std::string textfiles = sandbox_.homePath() + "/textfiles";
+  fs::create_directories(textfiles);
+  ASSERT_EQ(kelo({"metrics", "--textfile", textfiles}).exitCode, 0);
+  EXPECT_EQ(Sandbox::readFile(textfiles + "/kelo.prom"), prometheus.out);
+  EXPECT_EQ(std::distance(fs::directory_iterator(textfiles), fs::directory_iterator()), 1);
+  EXPECT_EQ(kelo({"metrics", "--textfile", textfiles + "/missing"}).exitCode, 1);
   EXPECT_NE(kelo({"metrics"}).out.find("com.vorn.Kelo.fetch.denied"), std::string::npos);
   EXPECT_EQ(kelo({"metrics", "--format", "xml"}).exitCode, 2);
+}
+
+// An operator's override is checked against the configuration's keys before it is stored.
+TEST_F(KeloToolTest, DefaultsWriteChecksTheOverride) {
+  const struct {
+    std::string value;
+    bool force;
+    int exitCode;
+    std::string said;  // on standard error
+  } cases[] = {
+      {R"({"commonDefaults": {"globalPowerBugdet": 500}})", false, 2, "\"globalPowerBudget\""},
+      {R"({"fetchBudget": {"fetchAppPowerBudget": "high"}})", false, 2, "wrong type"},
+      {R"({"commonDefaults": {"maxFetchApps": 1e+20}})", false, 2, "64-bit"},
+      {R"({"maxFetchApps": 3})", false, 2, "not a group"},
+      {R"({"commonDefaults": {"globalPowerBugdet": 500}})", true, 0, ""},
+      {R"({"commonDefaults": {"maxFetchApps": 3}})", false, 0, ""},
+  };
+  const std::string stored = sandbox_.homePath() + "/Library/Preferences/com.vorn.Kelo.json";
+  for (const auto& c : cases) {
+    fs::remove(stored);
+    std::vector<std::string> args = {"defaults", "write", "com.vorn.Kelo", "overideConfig",
+                                     c.value};
+    if (c.force) args.push_back("--force");
+    const ToolRun run = kelo(args);
+    EXPECT_EQ(run.exitCode, c.exitCode) << c.value << run.err;
+    EXPECT_NE(run.err.find(c.said), std::string::npos) << run.err;
+    EXPECT_EQ(Sandbox::exists(stored), c.exitCode == 0) << c.value;
+    // The stored one checks as it was written.
+    const ToolRun check = kelo({"config", "check", "--override"});
+    EXPECT_EQ(check.exitCode, c.exitCode == 0 ? (c.force ? 1 : 0) : 3) << c.value << check.out;
+  }
+  EXPECT_EQ(kelo({"config", "check"}).exitCode, 2);
+}
+
+// Read-only commands leave a simulated daemon's tree (bundle, override, logs, metrics store)
+// exactly as it was: names, types, sizes, modes, times and bytes.
+TEST_F(KeloToolTest, ReadOnlyCommandsChangeNothingOnDisk) {
+  TempDir dir("kelo-read-only");
+  const std::string root = dir.path() + "/root";
+  const ToolRun sim = runTool({KELO_SIM_PATH, "--apps", "5", "--reports", "1", "--json", "--root",
+                               root, "--kelo", KELO_TOOL_PATH, "--set", "maxFetchApps=3"});
+  ASSERT_EQ(sim.exitCode, 0) << sim.err;
+  auto snapshot = [&root] {
+    std::string out;
+    for (const auto& e : fs::recursive_directory_iterator(root)) {
+      struct stat st;
+      ::lstat(e.path().c_str(), &st);
+      out += e.path().string() + " " + std::to_string(st.st_mode) + " " +
+             std::to_string(st.st_size) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+             std::to_string(st.st_mtim.tv_nsec) + "\n";
+      if (e.is_regular_file()) out += Sandbox::readFile(e.path().string()) + "\n";
+    }
+    return out;
+  };
+  const std::string before = snapshot();
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{"config", "get", "maxFetchApps"},
+                                             {"config", "dump"},
+                                             {"defaults", "read", "com.vorn.Kelo"},
+                                             {"metrics"},
+                                             {"metrics", "--format", "prometheus"},
+                                             {"logs", "path"}}) {
+    std::vector<std::string> args = {KELO_TOOL_PATH, "--root", root, "--home", root + "/home"};
+    args.insert(args.end(), command.begin(), command.end());
+    const ToolRun run = runTool(args);
+    EXPECT_EQ(run.exitCode, 0) << command.back() << ": " << run.err;
+    const std::string after = snapshot();
+    std::size_t at = 0;
+    while (at < before.size() && at < after.size() && before[at] == after[at]) ++at;
+    EXPECT_TRUE(after == before) << command.back() << " changed the tree at "
+                                 << after.substr(at > 100 ? at - 100 : 0, 200);
+    if (command.back() == "maxFetchApps") EXPECT_EQ(trimmed(run.out), "3");
+  }
+}
+
+TEST_F(KeloToolTest, EveryCommandsHelpListsTheGlobalOptions) {
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{"config", "get"},
+                                             {"config", "check"},
+                                             {"defaults", "write"},
+                                             {"metrics"},
+                                             {"logs", "tail"},
+                                             {"report", "nondisc"}}) {
+    std::vector<std::string> args = command;
+    args.push_back("--help");
+    const ToolRun help = kelo(args);
+    EXPECT_EQ(help.exitCode, 0);
+    for (const char* option : {"--root", "--home", "--json"}) {
+      EXPECT_NE(help.out.find(option), std::string::npos) << command.back() << " " << option;
+    }
+  }
+  const ToolRun version = runTool({KELO_TOOL_PATH, "--version"});
+  EXPECT_EQ(version.exitCode, 0);
+  EXPECT_EQ(version.out.rfind("kelo ", 0), 0u) << version.out;
 }
 
 TEST_F(KeloToolTest, LogsFindAndTailTheLiveLog) {

@@ -7,10 +7,10 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 
 #include "platform/Json.h"
 #include "tools/common/KeyNames.h"
+#include "tools/common/ReplaceFile.h"
 #include "tools/kelo-sim/Plot.h"
 #include "tools/kelo-sim/Setup.h"
 
@@ -81,24 +81,6 @@ std::array<double, 9> zoneShares(const Value& day) {
   }
   for (double& s : shares) s = total > 0 ? 100.0 * s / total : 0.0;
   return shares;
-}
-
-bool writeAtomically(const std::string& path, const std::string& text, std::string* error) {
-  const std::string temporary = path + ".tmp";
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    out << text;
-    if (!out.flush()) {
-      *error = "cannot write " + temporary;
-      return false;
-    }
-  }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-    *error = "cannot write " + path;
-    std::remove(temporary.c_str());
-    return false;
-  }
-  return true;
 }
 
 void printTable(const SweepPlan& plan, const std::vector<Value>& days) {
@@ -218,7 +200,7 @@ int runSweep(const Options& options, const SweepPlan& plan, bool json, const std
     }
     const std::string svg =
         svgChart("kelo-sim: " + plan.key + " swept", plan.values, {energy, denials, rates});
-    if (!writeAtomically(plot, svg, &error)) {
+    if (!tools::replaceFile(plot, svg, &error)) {
       std::fprintf(stderr, "kelo-sim: %s\n", error.c_str());
       return 1;
     }
@@ -231,14 +213,14 @@ bool writeDayPlot(const Result& result, const std::string& path, std::string* er
   Panel energy{"energy read back in the hour, every category (mWh)", {{"energy", {}}}};
   Panel launches{"launches in the hour", {{"launches", {}}}};
   for (std::size_t h = 0; h < result.energyByHour.size(); ++h) {
-    char label[8];
+    char label[32];
     std::snprintf(label, sizeof label, "%02zu:00", h);
     hours.emplace_back(label);
     energy.series[0].y.push_back(static_cast<double>(result.energyByHour[h]));
     launches.series[0].y.push_back(result.launchesByHour[h]);
   }
-  return writeAtomically(path, svgChart("kelo-sim: one day, per hour", hours, {energy, launches}),
-                         error);
+  return tools::replaceFile(
+      path, svgChart("kelo-sim: one day, per hour", hours, {energy, launches}), error);
 }
 
 }  // namespace kelo::sim

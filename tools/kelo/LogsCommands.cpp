@@ -29,6 +29,60 @@ std::vector<std::string> liveLogs() {
   return out;
 }
 
+// Prints what is appended to `path`. By name, it also reopens the path when the file there is
+// replaced (rotation) or truncated, and waits for a path that does not exist yet, as tail -F.
+// Runs until the process is stopped.
+int followLog(const std::string& path, bool byName, bool existed) {
+  FILE* f = nullptr;
+  ino_t inode = 0;
+  dev_t device = 0;
+  long position = 0;
+  auto open = [&](bool atEnd) {
+    struct stat st;
+    FILE* next = std::fopen(path.c_str(), "rb");
+    if (next == nullptr || ::fstat(fileno(next), &st) != 0) {
+      if (next != nullptr) std::fclose(next);
+      return false;
+    }
+    if (f != nullptr) std::fclose(f);
+    f = next;
+    inode = st.st_ino;
+    device = st.st_dev;
+    if (atEnd) std::fseek(f, 0, SEEK_END);
+    position = std::ftell(f);
+    return true;
+  };
+  if (existed && !open(true) && !byName) return fail(kExitFailure, "cannot read " + path);
+  char buffer[4096];
+  for (;;) {
+    if (f != nullptr) {
+      const size_t n = std::fread(buffer, 1, sizeof buffer, f);
+      if (n > 0) {
+        std::fwrite(buffer, 1, n, stdout);
+        std::fflush(stdout);
+        position += static_cast<long>(n);
+        continue;
+      }
+      std::clearerr(f);
+    }
+    if (byName) {
+      struct stat st;
+      if (::stat(path.c_str(), &st) == 0) {
+        if (f == nullptr || st.st_ino != inode || st.st_dev != device) {
+          open(false);  // a new file at the path: from its start (the old one was drained)
+          continue;
+        }
+        if (st.st_size < position) {  // truncated in place
+          std::fseek(f, 0, SEEK_SET);
+          position = 0;
+          continue;
+        }
+      }
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+}
+
 }  // namespace
 
 int logsPath(const Context& context) {
@@ -62,8 +116,8 @@ int logsPath(const Context& context) {
   return kExitOk;
 }
 
-int logsTail(const Context& context, bool follow, int lines, const std::string& process,
-             bool simple) {
+int logsTail(const Context& context, bool follow, bool byName, int lines,
+             const std::string& process, bool simple) {
   context.install();
   std::string path;
   if (!process.empty()) {
@@ -82,29 +136,21 @@ int logsTail(const Context& context, bool follow, int lines, const std::string& 
     }
   }
   struct stat st;
-  if (path.empty() || ::stat(path.c_str(), &st) != 0) {
-    return fail(kExitNotFound, path.empty() ? "no live log under " + logsFolder()
-                                            : "no live log at " + path);
+  const bool exists = !path.empty() && ::stat(path.c_str(), &st) == 0;
+  if (!exists && !(byName && !path.empty())) {
+    return fail(kExitNotFound, path.empty()
+                                   ? "no live log under " + logsFolder() +
+                                         (byName ? " (give --process to wait for one)" : "")
+                                   : "no live log at " + path);
   }
-  for (const std::string& line : tools::lastLines(path, static_cast<std::size_t>(lines))) {
-    std::printf("%s\n", line.c_str());
-  }
-  std::fflush(stdout);
-  if (!follow) return kExitOk;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return fail(kExitFailure, "cannot read " + path);
-  std::fseek(f, 0, SEEK_END);
-  char buffer[4096];
-  for (;;) {
-    const size_t n = std::fread(buffer, 1, sizeof buffer, f);
-    if (n > 0) {
-      std::fwrite(buffer, 1, n, stdout);
-      std::fflush(stdout);
-      continue;
+  if (exists) {
+    for (const std::string& line : tools::lastLines(path, static_cast<std::size_t>(lines))) {
+      std::printf("%s\n", line.c_str());
     }
-    std::clearerr(f);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::fflush(stdout);
   }
+  if (!follow) return kExitOk;
+  return followLog(path, byName, exists);
 }
 
 }  // namespace kelo::tool
