@@ -301,7 +301,9 @@ TEST_F(KeloToolTest, ReadOnlyCommandsChangeNothingOnDisk) {
     while (at < before.size() && at < after.size() && before[at] == after[at]) ++at;
     EXPECT_TRUE(after == before) << command.back() << " changed the tree at "
                                  << after.substr(at > 100 ? at - 100 : 0, 200);
-    if (command.back() == "maxFetchApps") EXPECT_EQ(trimmed(run.out), "3");
+    if (command.back() == "maxFetchApps") {
+      EXPECT_EQ(trimmed(run.out), "3");
+    }
   }
 }
 
