@@ -1,5 +1,12 @@
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
 
 #include <atomic>
 #include <chrono>
@@ -12,6 +19,8 @@
 #include "platform/SerialQueue.h"
 #include "tests/support/Sandbox.h"
 #include "tests/tools/ToolRunner.h"
+
+extern char** environ;
 
 namespace kelo::test {
 namespace {
@@ -337,6 +346,52 @@ TEST_F(KeloToolTest, LogsFindAndTailTheLiveLog) {
   EXPECT_EQ(kelo({"logs", "tail", "-n", "1"}).out, "four\n");
   EXPECT_NE(kelo({"logs", "path"}).out.find("KeloLoggingDetailed.schedd"), std::string::npos);
   EXPECT_EQ(kelo({"logs", "tail", "--process", "nobody"}).exitCode, 3);
+}
+
+// tail -F: waits for a log that does not exist yet, then follows its name across rotation.
+TEST_F(KeloToolTest, LogsTailFollowsTheNameAcrossRotation) {
+  const std::string log = sandbox_.homePath() + "/Library/Logs/KeloLoggingDetailed.schedd";
+  fs::create_directories(fs::path(log).parent_path());
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addclose(&actions, out[0]);
+  const std::vector<std::string> args = {KELO_TOOL_PATH, "--root", sandbox_.rootPath(), "--home",
+                                         sandbox_.homePath(), "logs", "tail", "-F",
+                                         "--process", "schedd"};
+  std::vector<char*> argv;
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  ASSERT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  close(out[1]);
+  std::string seen;
+  auto waitFor = [&](const std::string& text) {
+    for (int i = 0; i < 100 && seen.find(text) == std::string::npos; ++i) {
+      pollfd p{out[0], POLLIN, 0};
+      if (poll(&p, 1, 100) == 1) {
+        char buffer[256];
+        const ssize_t n = read(out[0], buffer, sizeof buffer);
+        if (n > 0) seen.append(buffer, static_cast<std::size_t>(n));
+      }
+    }
+    return seen.find(text) != std::string::npos;
+  };
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  Sandbox::writeFile(log, "first\n");
+  EXPECT_TRUE(waitFor("first\n")) << seen;
+  std::ofstream(log, std::ios::app) << "second\n";
+  EXPECT_TRUE(waitFor("second\n")) << seen;
+  fs::rename(log, log + ".rotated");
+  Sandbox::writeFile(log, "third\n");
+  EXPECT_TRUE(waitFor("third\n")) << seen;
+  EXPECT_EQ(seen, "first\nsecond\nthird\n");
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
+  close(out[0]);
 }
 
 TEST_F(KeloToolTest, UsageErrorsHaveTheirOwnExitCode) {
