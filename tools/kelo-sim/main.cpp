@@ -10,14 +10,11 @@
 #include "platform/PackageData.h"
 #include "tools/common/Files.h"
 #include "tools/common/KeyNames.h"
+#include "tools/kelo-sim/Cli.h"
 #include "tools/kelo-sim/Progress.h"
 #include "tools/kelo-sim/Simulation.h"
 #include "tools/kelo-sim/Summary.h"
 #include "tools/kelo-sim/Sweep.h"
-
-#ifndef KELO_VERSION
-#define KELO_VERSION "0"
-#endif
 
 namespace {
 
@@ -49,7 +46,8 @@ bool splitSetting(const std::string& text, std::pair<std::string, std::string>* 
 }  // namespace
 
 int main(int argc, char** argv) {
-  kelo::sim::Options options;
+  kelo::sim::CommandLine line;
+  kelo::sim::Options& options = line.options;
   const std::string here = kelo::tools::executableDirectory();
   options.root = defaultRoot();
   // The bundle installed with this kelo-sim (<bindir>/../share/kelo), else the package's.
@@ -60,43 +58,9 @@ int main(int argc, char** argv) {
   // Installed, kelo is beside kelo-sim; in a build tree, in its own folder.
   options.keloTool = here + "/kelo";
   if (!std::filesystem::exists(options.keloTool)) options.keloTool = here + "/../kelo/kelo";
-  bool json = false;
-  std::vector<std::string> sets;
-  std::string sweep;
-  std::string plot;
 
-  CLI::App app{
-      "kelo-sim: replays a simulated day of a background-scheduling daemon against "
-      "KeloAXLConfigLogger (configuration, logging, energy accounting, statistics) in a fresh "
-      "device root, then prints what happened.\n"
-      "Exit codes: 0 done, 1 failed, 2 usage error."};
-  app.set_version_flag("--version", std::string("kelo-sim ") + KELO_VERSION);
-  app.add_option("--apps", options.apps, "number of applications on the device")
-      ->check(CLI::Range(1, 10000))
-      ->capture_default_str();
-  app.add_option("--seed", options.seed, "seed of the reproducible day")->capture_default_str();
-  app.add_option("--root", options.root,
-                 "folder for the device root and home (made fresh; an existing one must be "
-                 "empty or from an earlier kelo-sim run)")
-      ->capture_default_str();
-  app.add_option("--bundle", options.bundleSource, "the system configuration bundle to install")
-      ->capture_default_str();
-  app.add_option("--kelo", options.keloTool, "the kelo tool, run as the second process")
-      ->capture_default_str();
-  app.add_option("--reports", options.reports,
-                 "background-download reports the second process posts")
-      ->check(CLI::Range(0, 100))
-      ->capture_default_str();
-  app.add_option("--set", sets,
-                 "KEY=VALUE: run the day with this configuration key changed, stored as the "
-                 "preferences override (repeatable)");
-  app.add_option("--sweep", sweep,
-                 "KEY=V1,V2,...: one day per value on the same seed, then a table of the "
-                 "outcomes");
-  app.add_option("--plot", plot,
-                 "FILE.svg: plot the swept outcomes against the values, or a single day's "
-                 "energy and launches per hour");
-  app.add_flag("--json", json, "print the summary as JSON");
+  CLI::App app;
+  kelo::sim::defineOptions(app, line);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -107,9 +71,12 @@ int main(int argc, char** argv) {
     app.exit(e);
     return kExitUsage;
   }
+  const bool json = line.json;
+  const std::string& sweep = line.sweep;
+  const std::string& plot = line.plot;
 
   std::string error;
-  for (const std::string& s : sets) {
+  for (const std::string& s : line.sets) {
     std::pair<std::string, std::string> setting;
     if (!splitSetting(s, &setting, &error)) {
       std::fprintf(stderr, "kelo-sim: --set: %s\n", error.c_str());
