@@ -40,8 +40,11 @@ class KeloSimTest : public ::testing::Test {
 
 TEST_F(KeloSimTest, ADayDrivesEveryServiceAndTheSummaryMatchesTheirState) {
   const std::string root = dir_.path() + "/root";
-  const ToolRun run = simulate(root, 20, 1);
+  const std::string plot = dir_.path() + "/day.svg";
+  const ToolRun run = simulate(root, 20, 1, {"--plot", plot});
   ASSERT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_EQ(run.err, "");  // no progress bar where standard error is no terminal
+  EXPECT_NE(Sandbox::readFile(plot).find(">22:00<"), std::string::npos);
   const Value summary = platform::parseJson(run.out);
   ASSERT_TRUE(summary.isDictionary()) << run.out;
 

@@ -92,15 +92,14 @@ void Ledger::read(AmpvexStub* energy, double now) {
   totals_[2] += energy->energyConsumedForBackgroundDownload();
   totals_[3] += energy->energyConsumedForNonDiscDownload();
   lastRead_ = now;
-  const BudgetPool* pools[3] = {energy->powerFetchBudgetPool().get(),
+  BudgetPool* const pools[3] = {energy->powerFetchBudgetPool().get(),
                                 energy->powerPushBudgetPool().get(),
                                 energy->powerSilentPushBudgetPool().get()};
   for (int app : pending_) {
     AppUse& a = apps_[app];
     for (int p = 0; p < 3; ++p) {
       if (a.unread[p] == 0) continue;
-      const int64_t value =
-          const_cast<BudgetPool*>(pools[p])->findPoolResource(a.id)->currentItemPoolValue();
+      const int64_t value = pools[p]->findPoolResource(a.id)->currentItemPoolValue();
       // A value below the last one seen: the power monitor restarted its counters.
       const int64_t spent = value >= a.lastSeen[p] ? value - a.lastSeen[p] : value;
       a.lastSeen[p] = value;

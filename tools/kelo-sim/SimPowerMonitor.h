@@ -47,12 +47,12 @@ class SimPowerMonitor : public platform::PowerMonitor {
   std::function<double()> clock_;
   const double capacity_;
   mutable std::mutex mutex_;
-  double referenceDate_;                 // mutex_
-  std::map<Key, double> rates_;          // mutex_
-  std::map<Key, double> cumulative_;     // mutex_, milliwatt-hours
-  std::map<uint64_t, Running> running_;  // mutex_, by sequence number
+  double referenceDate_;                                   // mutex_
+  std::map<Key, double> rates_;                            // mutex_
+  std::map<Key, double> cumulative_;                       // mutex_, milliwatt-hours
+  std::map<uint64_t, Running> running_;                    // mutex_, by sequence number
   std::map<uint64_t, std::pair<double, double>> planned_;  // mutex_, by sequence number
-  int64_t events_ = 0;                   // mutex_
+  int64_t events_ = 0;                                     // mutex_
 };
 
 }  // namespace kelo::sim

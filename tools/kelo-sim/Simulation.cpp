@@ -132,27 +132,6 @@ void planDay(const std::vector<App>& apps, int reports, Rng& rng, Schedule* day,
   day->add({kRestartAt, Kind::kRestart});
 }
 
-void count(Decisions* d, Denial denial) {
-  ++d->attempts;
-  switch (denial) {
-    case Denial::kNone:
-      ++d->granted;
-      break;
-    case Denial::kData:
-      ++d->deniedData;
-      break;
-    case Denial::kEnergy:
-      ++d->deniedEnergy;
-      break;
-    case Denial::kPoorSignal:
-      ++d->deniedPoorSignal;
-      break;
-    case Denial::kTooManyFetches:
-      ++d->deniedTooMany;
-      break;
-  }
-}
-
 // The collector's record of a denial: the first failing of data, energy, link; a fetch refused
 // for too many under way passes every check, so it counts as denied without a reason.
 void recordDenial(AppLaunchStatsCumu* stats, bool fetch, Denial denial) {
@@ -301,7 +280,6 @@ bool runSimulation(const Options& options, const std::function<void(double)>& pr
         const Category category = fetch ? Category::kFetch : Category::kPush;
         const Denial denial = ledger.decide(energy, now, e.app, category, e.poor);
         fetch ? stats->fetchAttemptIncrement() : stats->pushAttemptIncrement();
-        count(fetch ? &result->fetch : &result->push, denial);
         if (denial != Denial::kNone) {
           recordDenial(stats, fetch, denial);
           break;

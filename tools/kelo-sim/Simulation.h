@@ -28,18 +28,6 @@ struct Options {
   std::vector<std::pair<std::string, std::string>> settings;
 };
 
-// Attempts and their outcomes, counted by the simulated daemon itself; each denial has exactly
-// one reason.
-struct Decisions {
-  int attempts = 0;
-  int granted = 0;
-  int deniedData = 0;
-  int deniedEnergy = 0;
-  int deniedPoorSignal = 0;
-  int deniedTooMany = 0;  // fetch only: maxFetchApps fetches already under way
-  int denied() const { return deniedData + deniedEnergy + deniedPoorSignal + deniedTooMany; }
-};
-
 struct EnergyTotals {
   int64_t fetch = 0;
   int64_t push = 0;  // push and silent push together, as the energy service reads them
@@ -62,10 +50,8 @@ struct Result {
   int launchSlots = 0;            // distinct (application, 15-minute slot) pairs with a launch
   int prefetchLaunchMinutes = 0;  // distinct launch minutes of prefetch-capable applications
   int predictedSlots = 0;         // over every application
-  Decisions fetch;
-  Decisions push;
-  int64_t dataBytes = 0;                                // moved by granted fetches and pushes
-  int64_t largestTask = 0;                              // mWh, the most one task was seen to take
+  int64_t dataBytes = 0;          // moved by granted fetches and pushes
+  int64_t largestTask = 0;        // mWh, the most one task was seen to take
   std::vector<std::pair<std::string, int64_t>> config;  // the keys the model used, as served
   std::vector<std::pair<std::string, std::string>> settings;
   std::vector<int64_t> energyByHour;  // mWh of every category, read back in each hour
