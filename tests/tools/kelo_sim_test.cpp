@@ -148,14 +148,25 @@ TEST_F(KeloSimTest, TheBudgetKeysBoundTheDaysEnergyAndDenials) {
     EXPECT_GT(denials, previousDenials) << budget;
     previousDenials = denials;
   }
-  // Budgeting off: nothing is denied for energy or data.
-  const ToolRun off = simulate(dir_.path() + "/off", 40, 3,
-                               {"--set", "enableBudgeting=0", "--set", "globalPowerBudget=10"});
+  // A data budget: the day stops moving data once it is reached, by at most one task's worth.
+  const ToolRun data = simulate(dir_.path() + "/data", 40, 3,
+                                {"--set", "globalDataBudget=4000000", "--set", "maxFetchApps=2"});
+  ASSERT_EQ(data.exitCode, 0) << data.err;
+  const Value d = platform::parseJson(data.out);
+  EXPECT_GT(at(d, {"fetch", "deniedDataBudget"}), 0);
+  EXPECT_GT(at(d, {"push", "deniedDataBudget"}), 0);
+  EXPECT_LE(at(d, {"dataBytes"}), 4000000 + 2 * 900 * 1024);
+  EXPECT_EQ(at(d, {"budgets", "maxFetchApps"}), 2);
+  // Budgeting off: nothing is denied for energy or data, but maxFetchApps still holds.
+  const ToolRun off = simulate(
+      dir_.path() + "/off", 40, 3,
+      {"--set", "enableBudgeting=0", "--set", "globalPowerBudget=10", "--set", "maxFetchApps=1"});
   ASSERT_EQ(off.exitCode, 0) << off.err;
   const Value s = platform::parseJson(off.out);
   for (const char* c : {"fetch", "push"}) {
     EXPECT_EQ(at(s, {c, "deniedEnergyBudget"}) + at(s, {c, "deniedDataBudget"}), 0) << c;
   }
+  EXPECT_GT(at(s, {"fetch", "deniedTooManyFetches"}), 0);
 }
 
 TEST_F(KeloSimTest, ASweepOfTheScoreCutoffChangesThePrewarmHitRate) {
