@@ -3,8 +3,7 @@
 // for every malformed file, which is most inputs). The services are singletons that live as long
 // as the process, so this is installed once, before the first of them exists, and every input
 // reuses the same folders. The folder sits on /dev/shm when that is writable: several targets
-// fsync preference files on every input, and a RAM-backed folder makes that cheap. It is removed
-// when the fuzzer exits.
+// fsync preference files on every input, and a RAM-backed folder makes that cheap.
 #ifndef KELO_FUZZ_FUZZPLATFORM_H_
 #define KELO_FUZZ_FUZZPLATFORM_H_
 
@@ -25,6 +24,7 @@
 #include "kelo/Overrides.h"
 #include "kelo/Value.h"
 #include "kelo/vsl.h"
+#include "tests/support/Sandbox.h"
 
 namespace kelo::fuzz {
 
@@ -49,112 +49,33 @@ struct Platform {
   std::string home;
 };
 
-namespace detail {
-
-inline std::string makeFolder() {
-  for (const char* base : {"/dev/shm", "/tmp"}) {
-    std::string pattern = std::string(base) + "/kelo-fuzz-XXXXXX";
-    if (::mkdtemp(pattern.data()) != nullptr) return pattern;
-  }
-  fail("no scratch folder could be made");
-}
-
-inline Platform* gPlatformForExit = nullptr;
-
-inline void removeFolderAtExit() {
-  // The services may still be running; whatever they write now is of no interest.
-  std::error_code ignored;
-  std::filesystem::remove_all(gPlatformForExit->folder, ignored);
-}
-
-}  // namespace detail
-
-// Sets the platform up on the first call. `extra` adds overrides of the caller's own (a metrics
-// sink, say); it is only looked at on that first call.
+// Sets the platform up on the first call: the test sandbox, with the fixed clock and a system log
+// that discards its lines. `extra` adds overrides of the caller's own (a metrics sink, say); it is
+// only looked at on that first call.
 inline Platform& platform(platform::Overrides extra = {}) {
-  static Platform* const shared = [&extra] {
-    auto* p = new Platform();
-    p->folder = detail::makeFolder();
-    p->root = p->folder + "/root";
-    p->home = p->folder + "/home";
-    std::filesystem::create_directories(p->root);
-    std::filesystem::create_directories(p->home);
-    detail::gPlatformForExit = p;
-    std::atexit(detail::removeFolderAtExit);
-
-    platform::Overrides o = std::move(extra);
-    o.clock = [] { return kFuzzTime; };
-    o.processName = kFuzzProcess;
-    o.homeDirectory = p->home;
-    o.deviceRoot = p->root;
-    o.deviceAnswers = Value::dictionary({});
-    o.systemLog = [](int, const char*) {};
-    platform::installOverrides(std::move(o));
-    return p;
+  static test::Sandbox* const sandbox = [&extra] {
+    if (::access("/dev/shm", W_OK) == 0) ::setenv("TMPDIR", "/dev/shm", 0);
+    static test::Sandbox s(kFuzzTime);
+    extra.processName = kFuzzProcess;
+    extra.deviceAnswers = Value::dictionary({});
+    extra.systemLog = [](int, const char*) {};
+    s.install(std::move(extra));
+    return &s;
   }();
-  return *shared;
+  static Platform shared{std::filesystem::path(sandbox->rootPath()).parent_path().string(),
+                         sandbox->rootPath(), sandbox->homePath()};
+  return shared;
 }
 
-// Replaces a file's content (creating its folders). Returns false, with a message, on failure.
-inline bool writeFile(const std::string& path, const void* data, size_t size) {
-  std::error_code ignored;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    std::perror(path.c_str());
-    return false;
-  }
-  const auto* bytes = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t n = ::write(fd, bytes, size);
-    if (n <= 0) {
-      std::perror(path.c_str());
-      ::close(fd);
-      return false;
-    }
-    bytes += n;
-    size -= static_cast<size_t>(n);
-  }
-  ::close(fd);
-  return true;
-}
+using test::Sandbox;
 
-inline bool writeFile(const std::string& path, std::string_view text) {
-  return writeFile(path, text.data(), text.size());
-}
-
-// Reads the whole file into `out`; false when it cannot be read.
-inline bool readFile(const std::string& path, std::string* out) {
-  out->clear();
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char buffer[8192];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0) {
-      ::close(fd);
-      return false;
-    }
-    if (n == 0) break;
-    out->append(buffer, static_cast<size_t>(n));
-  }
-  ::close(fd);
-  return true;
-}
-
-// The default system bundle of this tree, read from the source folder the target was built from.
-inline std::string defaultBundleInfo() {
-  std::string text;
-  if (!readFile(std::string(KELO_SOURCE_DIR) + "/data/KeloConfiguration.bundle/Info.json", &text)) {
-    fail("the default bundle could not be read from %s", KELO_SOURCE_DIR);
-  }
-  return text;
-}
-
-// Writes the default system bundle's Info.json at `infoPath` (by default the system bundle's place
-// under the scratch device root), or aborts.
+// Writes the default system bundle of this tree, read from the source folder the target was built
+// from, at `infoPath` (by default the system bundle's place under the scratch device root).
 inline void installDefaultBundle(const std::string& infoPath) {
-  if (!writeFile(infoPath, defaultBundleInfo())) fail("the bundle could not be installed");
+  const std::string text =
+      Sandbox::readFile(std::string(KELO_SOURCE_DIR) + "/data/KeloConfiguration.bundle/Info.json");
+  if (text.empty()) fail("the default bundle could not be read from %s", KELO_SOURCE_DIR);
+  Sandbox::writeFile(infoPath, text);
 }
 inline void installDefaultBundle() {
   installDefaultBundle(platform().root + "/System/Library/Kelo/KeloConfiguration.bundle/Info.json");

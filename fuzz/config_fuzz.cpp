@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           kelo::platform::parseJson(text), "blacklist", nullptr, kNames)) {
     text = kelo::platform::toJson(*mapped);
   }
-  if (!kelo::fuzz::writeFile(t.infoPath, text)) kelo::fuzz::fail("Info.json not written");
+  kelo::fuzz::Sandbox::writeFile(t.infoPath, text);
 
   t.configurator->reloadBundleFromDisk();
 

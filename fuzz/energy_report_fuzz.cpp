@@ -51,11 +51,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const kelo::Value parsed = kelo::platform::parseJson(text);
   if (const std::optional<kelo::Value> mapped =
           kelo::fuzz::withKnownNames(parsed, "BLMEnergyForKelo", "bundleID", kApps)) {
-    if (!kelo::fuzz::writeFile(t.reportPath, kelo::platform::toJson(*mapped))) {
-      kelo::fuzz::fail("the report not written");
-    }
-  } else if (!kelo::fuzz::writeFile(t.reportPath, data, size)) {
-    kelo::fuzz::fail("the report not written");
+    kelo::fuzz::Sandbox::writeFile(t.reportPath, kelo::platform::toJson(*mapped));
+  } else {
+    kelo::fuzz::Sandbox::writeFile(t.reportPath, std::string(text));
   }
 
   t.stub->energyConsumedRefresh();

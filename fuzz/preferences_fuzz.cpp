@@ -50,8 +50,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Target& t = *gTarget;
   removeAsideFiles(t);
-  if (!kelo::fuzz::writeFile(t.path, data, size)) kelo::fuzz::fail("the domain file not written");
-  const std::string_view original(reinterpret_cast<const char*>(data), size);
+  const std::string original(reinterpret_cast<const char*>(data), size);
+  kelo::fuzz::Sandbox::writeFile(t.path, original);
   const kelo::Value parsed = kelo::platform::parseJson(original);
   const bool wellFormed = parsed.isDictionary();
 
@@ -67,14 +67,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   kelo::Value::Dictionary expected;
   if (wellFormed) expected = parsed.asDictionary();
   expected.insert_or_assign(kKey, kelo::Value::integer(written));
-  std::string after;
-  if (!kelo::fuzz::readFile(t.path, &after)) kelo::fuzz::fail("no domain file after the write");
+  const std::string after = kelo::fuzz::Sandbox::readFile(t.path);
   if (!(kelo::platform::parseJson(after) == kelo::Value::dictionary(std::move(expected)))) {
     kelo::fuzz::fail("the write lost or changed an entry");
   }
 
-  std::string aside;
-  const bool movedAside = kelo::fuzz::readFile(t.path + ".corrupt", &aside);
+  const bool movedAside = kelo::fuzz::Sandbox::exists(t.path + ".corrupt");
+  const std::string aside = kelo::fuzz::Sandbox::readFile(t.path + ".corrupt");
   if (wellFormed && movedAside) kelo::fuzz::fail("a well-formed domain was moved aside");
   if (!wellFormed && (!movedAside || aside != original)) {
     kelo::fuzz::fail("a malformed domain was not kept aside as it was");

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "tests/config/ConfigTestSupport.h"
@@ -79,6 +81,35 @@ TEST_F(PreferencesTest, MalformedFileIsMovedAsideNeverOverwritten) {
   EXPECT_EQ(Sandbox::readFile(path + ".corrupt.1"), "not json");
   EXPECT_EQ(onDisk("com.example.bad").find("fresh")->integerValue(), 1);
   EXPECT_EQ(sandbox_.systemLines().size(), 2u);
+}
+
+// A domain file that is a link, or another user's, is neither read nor written: the write fails,
+// the file it names stays as it was, and one line names the file and says why.
+TEST_F(PreferencesTest, SymbolicLinksAndForeignFilesAreRefused) {
+  const std::string victim = sandbox_.homePath() + "/victim";
+  const std::string text = R"({"k": 1})";
+  Sandbox::writeFile(victim, text);
+  std::filesystem::create_directories(PreferencesDomain::directory());
+  std::filesystem::create_symlink(victim, file("com.example.link"));
+  Sandbox::writeFile(file("com.example.foreign"), text);
+  const bool root = ::geteuid() == 0;
+  if (root) {
+    ASSERT_EQ(::chown(file("com.example.foreign").c_str(), 4242, 4242), 0);
+  }
+  for (const char* name : {"com.example.link", "com.example.foreign"}) {
+    if (!root && std::string(name) == "com.example.foreign") continue;
+    SCOPED_TRACE(name);
+    auto domain = PreferencesDomain::open(name);
+    EXPECT_TRUE(domain->contents().asDictionary().empty());
+    EXPECT_FALSE(domain->write("k", Value::integer(2)));
+    EXPECT_EQ(Sandbox::readFile(file(name)), text);
+    bool reported = false;
+    for (const auto& line : sandbox_.systemLines()) {
+      reported = reported || line.text.rfind(file(name) + ": preferences not written: ", 0) == 0;
+    }
+    EXPECT_TRUE(reported);
+  }
+  EXPECT_TRUE(std::filesystem::is_symlink(file("com.example.link")));
 }
 
 TEST_F(PreferencesTest, TwoProcessesWritingOneDomainLoseNoKey) {

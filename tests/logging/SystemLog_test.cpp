@@ -59,6 +59,7 @@ TEST_F(SystemLogTest, LineCarriesUtcTimeIdentityPidAndLevel) {
       {86399.0, "1970-01-01 23:59:59.000000 +0000"},  // a clock set back
       {951782400.125, "2000-02-29 00:00:00.125000 +0000"},
       {-0.5, "1969-12-31 23:59:59.500000 +0000"},
+      {-1e-17, "1969-12-31 23:59:59.999999 +0000"},  // a hair below a whole second
   };
   for (const auto& c : cases) {
     sandbox_.setNow(c.time);
@@ -69,6 +70,9 @@ TEST_F(SystemLogTest, LineCarriesUtcTimeIdentityPidAndLevel) {
   for (size_t i = 0; i < std::size(cases); ++i) {
     EXPECT_EQ(lines[i + 1].rfind(cases[i].prefix, 0), 0u) << lines[i + 1];
   }
+  // Two-character formats other than "%s" are formatted, not taken as a string.
+  vsl_log(client_, nullptr, 6, "%d", 42);
+  EXPECT_EQ(lineBodies(paths_[0]).back(), "<Info>: 42");
 }
 
 TEST_F(SystemLogTest, MaskSelectsLevelsPerDescriptor) {

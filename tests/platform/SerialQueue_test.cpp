@@ -63,6 +63,18 @@ TEST(SerialQueueTest, SyncSeesEveryEarlierPostDone) {
   }
 }
 
+// Also when the worker was asleep: the posts wake it as the queue goes away.
+TEST(SerialQueueTest, DestroyingAQueueRunsEveryTaskPostedBeforehand) {
+  std::atomic<int> ran{0};
+  for (int round = 0; round < 20; ++round) {
+    SerialQueue queue("test.drain");
+    queue.post([] {});
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    for (int i = 0; i < 10; ++i) queue.post([&ran] { ran.fetch_add(1); });
+  }
+  EXPECT_EQ(ran.load(), 200);
+}
+
 TEST(SerialQueueTest, PostsBeyondTheRingWaitTheirTurnEvenFromTheQueuesOwnTask) {
   static constexpr int kPosts = 3 * static_cast<int>(SerialQueue::kRingSize) + 7;
   SerialQueue queue("test.overflow");

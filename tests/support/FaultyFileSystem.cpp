@@ -57,7 +57,9 @@ int FaultyFileSystem::enter(Op op, const std::string& path, const std::string& o
         continue;
       }
       error = f.error;
-      if (shortWrite != nullptr) *shortWrite = std::exchange(f.shortWriteBytes, 0);
+      if (shortWrite != nullptr) {
+        *shortWrite = f.error == 0 ? f.shortWriteBytes : std::exchange(f.shortWriteBytes, 0);
+      }
       break;
     }
   }
@@ -76,7 +78,7 @@ int FaultyFileSystem::open(const char* path, int flags, mode_t mode) {
 ssize_t FaultyFileSystem::write(int fd, const void* data, size_t size) {
   size_t allowed = 0;
   const int error = enter(Op::kWrite, pathOf(fd), "", &allowed);
-  if (error == 0) return FileSystem::write(fd, data, size);
+  if (error == 0) return FileSystem::write(fd, data, allowed > 0 ? std::min(size, allowed) : size);
   // The bytes that still fit go through; the write after them finds the disk full.
   const ssize_t n =
       allowed > 0 && size > 0 ? FileSystem::write(fd, data, std::min(size, allowed)) : 0;

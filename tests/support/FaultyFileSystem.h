@@ -24,7 +24,8 @@ class FaultyFileSystem : public kelo::platform::FileSystem {
   // From now on every `op` on a path containing `pathPart` (the empty string matches every path)
   // fails with `error`. Descriptor operations match the path the descriptor was opened with;
   // a rename matches either of its paths. A write fault lets its first write put
-  // `shortWriteBytes` bytes through, as a disk that fills in the middle of a write does.
+  // `shortWriteBytes` bytes through, as a disk that fills in the middle of a write does. With
+  // `error` 0 every write puts at most `shortWriteBytes` bytes through and none fails.
   void fail(Op op, int error, std::string pathPart = "", size_t shortWriteBytes = 0);
   // Ends every fault: the disk has room again.
   void heal();

@@ -1,4 +1,5 @@
-// A one-line progress bar on standard error, drawn only when standard error is a terminal.
+// A one-line progress bar on standard error, drawn only when standard error is a terminal, and
+// never wider than it.
 #ifndef KELO_TOOLS_KELOSIM_PROGRESS_H_
 #define KELO_TOOLS_KELOSIM_PROGRESS_H_
 
@@ -16,6 +17,7 @@ class Progress {
  private:
   bool enabled_;
   int lastDrawn_ = -1;
+  int width_ = 0;  // the widest line drawn, cleared by finish
 };
 
 }  // namespace kelo::sim

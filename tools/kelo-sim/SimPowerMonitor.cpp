@@ -10,10 +10,19 @@ void SimPowerMonitor::setRate(const std::string& app, int16_t type, double milli
   rates_[{app, type}] = milliwatts;
 }
 
-void SimPowerMonitor::logEvent(const char* bundleId, int16_t type, uint64_t seqNum,
-                               int32_t kind) {
-  const double now = clock_();
+void SimPowerMonitor::plan(uint64_t seqNum, double start, double stop) {
   std::lock_guard<std::mutex> lock(mutex_);
+  planned_[seqNum] = {start, stop};
+}
+
+void SimPowerMonitor::logEvent(const char* bundleId, int16_t type, uint64_t seqNum, int32_t kind) {
+  double now = clock_();
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto planned = planned_.find(seqNum);
+  if (planned != planned_.end()) {
+    now = kind == 1 ? planned->second.first : planned->second.second;
+    if (kind != 1) planned_.erase(planned);
+  }
   ++events_;
   const Key key{bundleId != nullptr ? bundleId : "", type};
   if (kind == 1) {

@@ -27,6 +27,10 @@ class SimPowerMonitor : public platform::PowerMonitor {
 
   // The rate (mW) at which work of `app` and `type` consumes energy.
   void setRate(const std::string& app, int16_t type, double milliwatts);
+  // The simulated times at which the work of sequence number `seqNum` starts and stops. Such
+  // work is metered between those times, however late its events reach the monitor; other
+  // work between the arrivals of its events.
+  void plan(uint64_t seqNum, double start, double stop);
   // Restarts the counters: a new reference date, every cumulative amount back to zero.
   void restartCounters();
 
@@ -43,11 +47,12 @@ class SimPowerMonitor : public platform::PowerMonitor {
   std::function<double()> clock_;
   const double capacity_;
   mutable std::mutex mutex_;
-  double referenceDate_;                      // mutex_
-  std::map<Key, double> rates_;               // mutex_
-  std::map<Key, double> cumulative_;          // mutex_, milliwatt-hours
-  std::map<uint64_t, Running> running_;       // mutex_, by sequence number
-  int64_t events_ = 0;                        // mutex_
+  double referenceDate_;                                   // mutex_
+  std::map<Key, double> rates_;                            // mutex_
+  std::map<Key, double> cumulative_;                       // mutex_, milliwatt-hours
+  std::map<uint64_t, Running> running_;                    // mutex_, by sequence number
+  std::map<uint64_t, std::pair<double, double>> planned_;  // mutex_, by sequence number
+  int64_t events_ = 0;                                     // mutex_
 };
 
 }  // namespace kelo::sim

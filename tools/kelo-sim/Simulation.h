@@ -24,6 +24,8 @@ struct Options {
   std::string bundleSource;  // the system bundle copied into the root
   std::string keloTool;      // the kelo executable that posts reports from a second process
   int reports = 6;           // background-download reports posted by the second process
+  // Configuration changes (key, value) stored as the preferences override before the day.
+  std::vector<std::pair<std::string, std::string>> settings;
 };
 
 struct EnergyTotals {
@@ -37,15 +39,24 @@ struct EnergyTotals {
 struct Result {
   int apps = 0;
   uint64_t seed = 0;
-  double dayStart = 0;  // seconds since 1970
-  EnergyTotals energy;                // every reading of the day
-  EnergyTotals energyAfterRestart;    // readings after the power monitor restarted its counters
-  double restartAt = 0;               // seconds into the day
+  double dayStart = 0;              // seconds since 1970
+  EnergyTotals energy;              // every reading of the day
+  EnergyTotals energyAfterRestart;  // readings after the power monitor restarted its counters
+  double restartAt = 0;             // seconds into the day
   double batteryCapacity = 0;
-  int64_t powerEvents = 0;            // start and stop events the power monitor received
+  int64_t powerEvents = 0;  // start and stop events the power monitor received
   int launches = 0;
   int prewarms = 0;
-  int reportsPosted = 0;              // by the second process
+  int launchSlots = 0;            // distinct (application, 15-minute slot) pairs with a launch
+  int prefetchLaunchMinutes = 0;  // distinct launch minutes of prefetch-capable applications
+  int predictedSlots = 0;         // over every application
+  int64_t dataBytes = 0;          // moved by granted fetches and pushes
+  int64_t largestTask = 0;        // mWh, the most one task was seen to take
+  std::vector<std::pair<std::string, int64_t>> config;  // the keys the model used, as served
+  std::vector<std::pair<std::string, std::string>> settings;
+  std::vector<int64_t> energyByHour;  // mWh of every category, read back in each hour
+  std::vector<int> launchesByHour;
+  int reportsPosted = 0;               // by the second process
   AppLaunchStatsCumu::Snapshot stats;  // the collector just before the roll to the next cycle
   AppLaunchStatsCumu::Snapshot afterRoll;
   std::string metricsPath;

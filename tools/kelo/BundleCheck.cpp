@@ -6,6 +6,7 @@
 #include <cctype>
 
 #include "config/ConfigKeys.h"
+#include "tools/common/KeyNames.h"
 #include "kelo/Value.h"
 #include "platform/Json.h"
 
@@ -94,6 +95,8 @@ class Checker {
         if (sameLetters != nullptr) {
           message += " (keys are case-sensitive: did you mean \"" + std::string(sameLetters->name) +
                      "\"?)";
+        } else {
+          message += " (did you mean \"" + tools::nearestKey(key) + "\"?)";
         }
         error(at, message);
         continue;
@@ -112,6 +115,8 @@ class Checker {
         }
       } else if (!value.isNumber() && !value.isBoolean()) {
         error(at, "wrong type: expected a number, found " + typeName(value));
+      } else if (const std::string range = tools::checkSetting(key, value); !range.empty()) {
+        error(at, range);
       }
     }
   }
@@ -147,6 +152,32 @@ int BundleCheck::errors() const {
                                         [](const Finding& f) { return f.error; }));
 }
 int BundleCheck::warnings() const { return static_cast<int>(findings.size()) - errors(); }
+
+BundleCheck checkOverride(const Value& override, const std::string& where) {
+  BundleCheck check;
+  check.found = true;
+  check.infoPath = where;
+  if (!override.isDictionary()) {
+    check.findings.push_back({true, "overideConfig",
+                              "the override must be a dictionary of groups, found " +
+                                  typeName(override)});
+    return check;
+  }
+  Checker checker(check.findings);
+  for (const auto& [name, value] : override.asDictionary()) {
+    if (name != "whenToLaunch" && groupNamed(name) == nullptr) {
+      check.findings.push_back(
+          {true, "overideConfig." + name,
+           "not a group: the configurator ignores it" +
+               (tools::findKey(name) != nullptr || !value.isDictionary()
+                    ? " (keys go inside their group, e.g. {\"commonDefaults\": {\"" + name +
+                          "\": ...}})"
+                    : std::string())});
+    }
+  }
+  checker.source(override, "overideConfig.");
+  return check;
+}
 
 BundleCheck checkBundle(const std::string& path) {
   BundleCheck result;

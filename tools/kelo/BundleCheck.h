@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "kelo/Value.h"
+
 namespace kelo::tool {
 
 struct Finding {
@@ -24,6 +26,10 @@ struct BundleCheck {
 
 // `path` names a bundle folder or its Info.json.
 BundleCheck checkBundle(const std::string& path);
+
+// The same checks of a preferences override ("overideConfig"), which has a source's shape;
+// `where` names it in the result. Numbers outside the signed 64-bit range are errors too.
+BundleCheck checkOverride(const Value& override, const std::string& where);
 
 }  // namespace kelo::tool
 

@@ -2,8 +2,8 @@
 #include <cstdio>
 
 #include "config/ConfigKeys.h"
-#include "kelo/KeloConfigurator.h"
 #include "platform/Json.h"
+#include "platform/Preferences.h"
 #include "tools/kelo/BundleCheck.h"
 #include "tools/kelo/Commands.h"
 #include "tools/kelo/ConfigSources.h"
@@ -33,8 +33,10 @@ int configGet(const Context& context, const std::string& key) {
   if (!resolved) {
     return fail(kExitNotFound, "no configuration source supplies \"" + key + "\" (it reads -1)");
   }
-  // The configurator's own reading of the value, as the daemons get it.
-  const int64_t value = KeloConfigurator::sharedInstance()->getStateFor(key);
+  // The integer reading the configurator gives the daemons. Read from the sources directly:
+  // creating the configurator would write the other processes' preferences, and this command
+  // changes nothing on disk.
+  const int64_t value = resolved->value.integerValue();
   if (context.json) {
     std::printf("%s\n", platform::toJson(Value::dictionary({{"key", Value::string(key)},
                                                              {"value", Value::integer(value)},
@@ -112,9 +114,30 @@ int configDump(const Context& context) {
   return kExitOk;
 }
 
-int configCheck(const Context& context, const std::string& bundle) {
-  const BundleCheck check = checkBundle(bundle);
+int configCheck(const Context& context, const std::string& bundle, bool override) {
+  if (override == !bundle.empty()) {
+    return fail(kExitUsage, "config check takes a BUNDLE or --override (one of them)");
+  }
+  BundleCheck check;
+  if (override) {
+    context.install();
+    auto domain = platform::PreferencesDomain::open("com.vorn.Kelo");
+    const Value contents = domain ? domain->contents() : Value();
+    const Value* stored = contents.find("overideConfig");
+    if (stored == nullptr) {
+      return fail(kExitNotFound, "no override stored (no \"overideConfig\" in " +
+                                     (domain ? domain->path() : std::string("com.vorn.Kelo")) +
+                                     ")");
+    }
+    check = checkOverride(*stored, domain->path() + ": overideConfig");
+  } else {
+    check = checkBundle(bundle);
+  }
   if (!check.found) return fail(kExitNotFound, "no bundle at " + bundle + " (no Info.json there)");
+  return printCheck(context, check);
+}
+
+int printCheck(const Context& context, const BundleCheck& check) {
   if (context.json) {
     Value::Array findings;
     for (const Finding& f : check.findings) {

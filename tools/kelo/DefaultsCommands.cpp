@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 
 #include "platform/Json.h"
@@ -103,11 +104,20 @@ int defaultsRead(const Context& context, const std::string& name,
 }
 
 int defaultsWrite(const Context& context, const std::string& name, const std::string& key,
-                  const std::string& text, const std::string& type) {
+                  const std::string& text, const std::string& type, bool force) {
   if (!platform::PreferencesDomain::isValidName(name)) return invalidDomain(name);
   if (key.empty()) return fail(kExitUsage, "the key must not be empty");
   const Value value = parseValue(text, type);
   if (value.isError()) return fail(kExitUsage, "malformed value: " + value.asError().message);
+  if (name == "com.vorn.Kelo" && key == "overideConfig" && !force) {
+    const BundleCheck check = checkOverride(value, "overideConfig");
+    if (check.errors() > 0) {
+      for (const Finding& f : check.findings) {
+        if (f.error) std::fprintf(stderr, "kelo: %s: %s\n", f.where.c_str(), f.message.c_str());
+      }
+      return fail(kExitUsage, "override not stored (--force stores it anyway)");
+    }
+  }
   context.install();
   auto domain = platform::PreferencesDomain::open(name);
   if (!domain || !domain->write(key, value)) {

@@ -32,6 +32,46 @@ std::vector<std::string> liveLogs() {
   return out;
 }
 
+// Prints what is appended to `path`. By name, it also reopens the path when the file there is
+// replaced (rotation) or truncated, and waits for a path that does not exist yet, as tail -F.
+// Reads go through the file layer: a link or FIFO put at the path is never read. Runs until the
+// process is stopped.
+int followLog(const std::string& path, bool byName, bool existed) {
+  std::optional<platform::FileIdentity> file;
+  uint64_t offset = 0;
+  if (existed) {
+    file = platform::identify(path);
+    if (!file && !byName) return fail(kExitFailure, "cannot read " + path);
+    if (file) offset = file->size;
+  }
+  for (;;) {
+    if (file) {
+      bool same = false;
+      const platform::ReadResult chunk = platform::readRange(path, *file, offset, 65536, &same);
+      if (same && !chunk.data.empty()) {
+        std::fwrite(chunk.data.data(), 1, chunk.data.size(), stdout);
+        std::fflush(stdout);
+        offset += chunk.data.size();
+        continue;
+      }
+    }
+    if (byName) {
+      if (const std::optional<platform::FileIdentity> now = platform::identify(path)) {
+        if (!file || now->inode != file->inode || now->device != file->device) {
+          file = now;  // a new file at the path: from its start
+          offset = 0;
+          continue;
+        }
+        if (now->size < offset) {  // truncated in place
+          offset = 0;
+          continue;
+        }
+      }
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+}
+
 }  // namespace
 
 int logsPath(const Context& context) {
@@ -65,8 +105,8 @@ int logsPath(const Context& context) {
   return kExitOk;
 }
 
-int logsTail(const Context& context, bool follow, int lines, const std::string& process,
-             bool simple) {
+int logsTail(const Context& context, bool follow, bool byName, int lines,
+             const std::string& process, bool simple) {
   context.install();
   std::string path;
   if (!process.empty()) {
@@ -84,32 +124,24 @@ int logsTail(const Context& context, bool follow, int lines, const std::string& 
       }
     }
   }
-  if (path.empty()) return fail(kExitNotFound, "no live log under " + logsFolder());
-  std::vector<std::string> tail;
-  const platform::ReadResult read =
-      platform::lastLines(path, static_cast<std::size_t>(lines), platform::kLogReadLimit, &tail);
-  if (read.missing) return fail(kExitNotFound, "no live log at " + path);
-  if (!read.ok) return fail(kExitFailure, read.error);
-  for (const std::string& line : tail) {
-    std::printf("%s\n", line.c_str());
+  struct stat st;
+  const bool exists = !path.empty() && ::stat(path.c_str(), &st) == 0;
+  if (!exists && !(byName && !path.empty())) {
+    return fail(kExitNotFound, path.empty()
+                                   ? "no live log under " + logsFolder() +
+                                         (byName ? " (give --process to wait for one)" : "")
+                                   : "no live log at " + path);
   }
-  std::fflush(stdout);
+  if (exists) {
+    std::vector<std::string> tail;
+    const platform::ReadResult read =
+        platform::lastLines(path, static_cast<std::size_t>(lines), platform::kLogReadLimit, &tail);
+    if (!read.ok) return fail(kExitFailure, read.error);
+    for (const std::string& line : tail) std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  }
   if (!follow) return kExitOk;
-  // Follows the file that was shown, by identity: a link or FIFO put in its place is not read.
-  std::optional<platform::FileIdentity> file = platform::identify(path);
-  if (!file) return fail(kExitFailure, "cannot read " + path);
-  uint64_t offset = file->size;
-  for (;;) {
-    bool same = false;
-    const platform::ReadResult chunk = platform::readRange(path, *file, offset, 65536, &same);
-    if (same && !chunk.data.empty()) {
-      std::fwrite(chunk.data.data(), 1, chunk.data.size(), stdout);
-      std::fflush(stdout);
-      offset += chunk.data.size();
-      continue;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  }
+  return followLog(path, byName, exists);
 }
 
 }  // namespace kelo::tool
