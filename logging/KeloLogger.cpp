@@ -14,6 +14,7 @@
 #include "logging/LoggerTasks.h"
 #include "platform/Facts.h"
 #include "platform/FileManager.h"
+#include "platform/SafeFile.h"
 #include "platform/SerialQueue.h"
 
 namespace kelo {
@@ -25,7 +26,6 @@ namespace {
 constexpr const char* kQueueLabel = "com.vorn.KeloAppLaunchStatsLogging";
 constexpr const char* kLogsFolder = "/Library/Logs/";
 constexpr const char* kDiagnosticFolder = "/Library/Logs/Wreckbox/DiagnosticLogs/";
-constexpr int kOpenFlags = O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kFolderMode = 0755;
 constexpr int kFileFilter = 192;  // levels 6 and 7 only
@@ -142,9 +142,11 @@ void KeloLogger::createFile() {
   const std::optional<Value> internal = platform::deviceAnswer("InternalBuild");
   if (internal && !(internal->isBoolean() && internal->asBoolean())) return;
   const std::string destination = getUniqueFileName();
-  // A folder that cannot be made shows up as the failed move below.
-  fileMgr_->createDirectoryAtPath(homeDir_ + kDiagnosticFolder, kFolderMode);
-  if (!fileMgr_->moveItemAtPath(filePath_, destination)) consoleFailure("Move", errno);
+  // A folder that cannot be made (or is a link) shows up as a failed move.
+  if (!fileMgr_->createDirectoryAtPath(homeDir_ + kDiagnosticFolder, kFolderMode) ||
+      !fileMgr_->moveItemAtPath(filePath_, destination)) {
+    consoleFailure("Move", errno);
+  }
 }
 
 void KeloLogger::setLoggingMode(bool mode) {
@@ -191,9 +193,15 @@ void LoggerTasks::openLiveFile(KeloLogger& l) {
     l.firstTime_ = false;
     l.createFile();
   }
-  // A folder that cannot be made shows up as the failed open below.
-  l.fileMgr_->createDirectoryAtPath(l.homeDir_ + kLogsFolder, kFolderMode);
-  l.fd_ = platform::fileSystem().open(l.filePath_.c_str(), kOpenFlags, kFileMode);
+  // A link, FIFO or folder in place of the logs folder or the log is refused, never followed or
+  // waited on: the logger goes on with descriptor -1, whose writes fail quietly, after one line
+  // naming the path and the reason.
+  std::string error = platform::makeFolders(l.homeDir_ + kLogsFolder, kFolderMode);
+  l.fd_ = -1;
+  if (error.empty()) {
+    l.fd_ = platform::openForAppend(l.filePath_, kFileMode, platform::Owner::kSelf, &error);
+  }
+  if (l.fd_ < 0) platform::warnOnce(LOG_WARNING, "kelo: log file not opened: " + error);
   // Only descriptor 0 counts as a failure; -1 goes on and its writes fail quietly.
   if (l.fd_ == 0) {
     consoleFailure("Create", errno);
@@ -223,8 +231,10 @@ void LoggerTasks::closeLiveFile(KeloLogger& l) {
 
 void LoggerTasks::writeDump(KeloLogger& l) {
   const std::string path = l.getUniqueFileName() + "-FullDump.log";
-  l.fileMgr_->createDirectoryAtPath(l.homeDir_ + kDiagnosticFolder, kFolderMode);
-  const int fd = platform::fileSystem().open(path.c_str(), kOpenFlags, kFileMode);
+  std::string error = platform::makeFolders(l.homeDir_ + kDiagnosticFolder, kFolderMode);
+  int fd = -1;
+  if (error.empty()) fd = platform::openForAppend(path, kFileMode, platform::Owner::kSelf, &error);
+  if (fd < 0) platform::warnOnce(LOG_WARNING, "kelo: log dump not written: " + error);
   if (fd == 0) {
     consoleFailure("Create", errno);
     return;

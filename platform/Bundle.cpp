@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "platform/Facts.h"
 #include "platform/Json.h"
@@ -18,15 +19,17 @@ void warnMalformed(const std::string& file, int line, int column, const std::str
   char text[1024];
   std::snprintf(text, sizeof text, "%s:%d:%d: malformed bundle information dictionary: %s",
                 file.c_str(), line, column, why.c_str());
-  systemLog(LOG_WARNING, text);
+  warnOnce(LOG_WARNING, text);
 }
 
 Value readInfoDictionary(const std::string& file) {
-  struct stat st;
-  if (::stat(file.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+  JsonFile read = readJsonFile(file, kBundleInfoLimit);
+  if (read.missing) return Value::dictionary({});
+  if (!read.refused.empty()) {
+    warnOnce(LOG_WARNING, read.refused + "; bundle information dictionary not read");
     return Value::dictionary({});
   }
-  Value info = readJsonFile(file);
+  Value& info = read.value;
   if (info.isError()) {
     const Value::Error& e = info.asError();
     warnMalformed(file, e.line, e.column, e.message);
@@ -36,7 +39,7 @@ Value readInfoDictionary(const std::string& file) {
     warnMalformed(file, 1, 1, "the top level is not an object");
     return Value::dictionary({});
   }
-  return info;
+  return std::move(info);
 }
 
 }  // namespace

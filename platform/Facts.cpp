@@ -29,6 +29,14 @@ int FileSystem::close(int fd) { return ::close(fd); }
 int FileSystem::rename(const char* from, const char* to) { return ::rename(from, to); }
 int FileSystem::mkdir(const char* path, mode_t mode) { return ::mkdir(path, mode); }
 int FileSystem::unlink(const char* path) { return ::unlink(path); }
+ssize_t FileSystem::read(int fd, void* data, size_t size) { return ::read(fd, data, size); }
+ssize_t FileSystem::pread(int fd, void* data, size_t size, off_t offset) {
+  return ::pread(fd, data, size, offset);
+}
+ssize_t FileSystem::pwrite(int fd, const void* data, size_t size, off_t offset) {
+  return ::pwrite(fd, data, size, offset);
+}
+int FileSystem::fstat(int fd, struct stat* st) { return ::fstat(fd, st); }
 
 PowerMonitor::~PowerMonitor() = default;
 MetricsSink::~MetricsSink() = default;
@@ -157,15 +165,19 @@ std::optional<Value> deviceAnswer(std::string_view question) {
     answers = *s.overrides.deviceAnswers;
   } else {
     const std::string path = devicePath("/etc/kelo/device.json");
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-    answers = readJsonFile(path);
+    JsonFile read = readJsonFile(path, kDeviceAnswersLimit, Owner::kSelfOrRoot);
+    if (read.missing) return std::nullopt;
+    if (!read.refused.empty()) {
+      warnOnce(LOG_WARNING, read.refused + "; no device answers");
+      return std::nullopt;
+    }
+    answers = std::move(read.value);
     if (answers.isError()) {
       const Value::Error& e = answers.asError();
       char line[1024];
       std::snprintf(line, sizeof line, "%s:%d:%d: malformed device answers: %s", e.file.c_str(),
                     e.line, e.column, e.message.c_str());
-      systemLog(LOG_WARNING, line);
+      warnOnce(LOG_WARNING, line);
       return std::nullopt;
     }
   }

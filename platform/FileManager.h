@@ -21,7 +21,7 @@ class FileManager {
   // false with errno describing why.
   bool moveItemAtPath(const std::string& from, const std::string& to) const;
   // Creates `path` and every missing folder above it with `mode`. True when the folder exists
-  // afterwards; on failure false with errno describing why.
+  // afterwards and is not a link; on failure false with errno describing why.
   bool createDirectoryAtPath(const std::string& path, mode_t mode) const;
 };
 

@@ -194,24 +194,17 @@ Value parseJson(std::string_view text, std::string_view fileName) {
   return Value::error(builder.errorMessage(), std::string(fileName), line, column);
 }
 
-Value readJsonFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return Value::error(std::strerror(errno), path);
-  std::string text;
-  char buffer[8192];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      const int err = errno;
-      ::close(fd);
-      return Value::error(std::strerror(err), path);
-    }
-    if (n == 0) break;
-    text.append(buffer, static_cast<std::size_t>(n));
+JsonFile readJsonFile(const std::string& path, std::size_t limit, Owner owner) {
+  JsonFile out;
+  const ReadResult file = readFile(path, limit, owner);
+  if (file.missing) {
+    out.missing = true;
+  } else if (!file.ok) {
+    out.refused = file.error;
+  } else {
+    out.value = parseJson(file.data, path);
   }
-  ::close(fd);
-  return parseJson(text, path);
+  return out;
 }
 
 std::string toJson(const Value& value, bool pretty) {

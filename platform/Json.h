@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "kelo/Value.h"
+#include "platform/SafeFile.h"
 
 namespace kelo::platform {
 
@@ -18,8 +19,15 @@ inline constexpr int kMaxJsonDepth = 64;
 // Never throws.
 Value parseJson(std::string_view text, std::string_view fileName = {});
 
-// Reads and parses a whole file. A missing file gives an error value whose line is 0.
-Value readJsonFile(const std::string& path);
+// A JSON file read through readFile: `missing` for no such file, else `refused` names the path
+// and why the file was not read (a link, a FIFO, too large...), else `value` holds the document
+// or an error value naming the file, line and column.
+struct JsonFile {
+  bool missing = false;
+  std::string refused;
+  Value value;
+};
+JsonFile readJsonFile(const std::string& path, std::size_t limit, Owner owner = Owner::kAnyone);
 
 // Serialises a value; dates become seconds since 1970, error values null. Invalid UTF-8 in
 // strings is replaced. Never throws.

@@ -84,13 +84,14 @@ bool prepareFile(const std::string& path, std::string* error) {
     *error = "cannot create the folder of " + path + ": " + std::strerror(errno);
     return false;
   }
-  const int fd = fileSystem().open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+  const int fd =
+      fileSystem().open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
   if (fd < 0) {
     *error = "cannot open " + path + ": " + std::strerror(errno);
     return false;
   }
   struct stat st;
-  bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  bool ok = fileSystem().fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
   if (!ok) {
     *error = path + " is not a regular file";
   } else if (st.st_uid == ::geteuid() && (st.st_mode & 022) != 0) {
@@ -317,7 +318,7 @@ MetricsReadResult readMetricsDatabase(const std::string& path) {
   MetricsReadResult result;
   try {
     struct stat st;
-    if (::stat(path.c_str(), &st) != 0) {
+    if (::lstat(path.c_str(), &st) != 0) {  // a link is refused below, never followed
       result.error = (errno == ENOENT ? "no such file: " : "cannot read ") + path;
       if (errno != ENOENT) result.error += std::string(": ") + std::strerror(errno);
       return result;

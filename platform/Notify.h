@@ -2,21 +2,25 @@
 // a daemon.
 //
 // Each name is one 16-byte state file under devicePath("/run/kelo/notify/") holding the state
-// word and a post generation. The state is set and read through a shared mapping of the file,
-// which raises no inotify event, so setting it alone wakes nobody. A post writes a new generation
-// with one pwrite(2); every process that registered a handler for the name has one watcher thread
-// (started by its first registration) that sees the write through inotify and, finding the
-// generation changed, delivers the handler on the registration's queue (on the watcher thread
-// itself when that queue is idle). Posts that arrive before a handler has run coalesce into one
-// delivery; the handler reads the latest state with notify_get_state. A lost inotify queue is
-// recovered by re-reading the generation of every registered name.
+// word and a post generation. A file only its trusted owner may write is mapped shared and its
+// state read and set with atomic loads and stores; a file others may write is never mapped, only
+// read with pread(2) and written with pwrite(2), so that no other process can fault a reader or
+// writer by truncating it (see NotifyStateFile.h). Setting the state leaves the generation alone,
+// so it wakes nobody. A post writes a new generation with one pwrite(2); every process that
+// registered a handler for the name has one watcher thread (started by its first registration)
+// that sees the write through inotify and, finding the generation changed, delivers the handler
+// on the registration's queue (on the watcher thread itself when that queue is idle). Posts that
+// arrive before a handler has run coalesce into one delivery; the handler reads the latest state
+// with notify_get_state. A lost inotify queue is recovered by re-reading the generation of every
+// registered name.
 //
 // Who may post is decided by the notification folder: the caller must be allowed to write the
 // folder (by its owner and mode) and to open the name's file for writing; the file must be a
 // regular file (links are not followed) owned by the caller or by the folder's owner. A missing
 // folder is created (0755, with its parents); a missing file is created with the folder's
-// permission bits minus execute. Whoever owns a state file or the folder is trusted not to
-// truncate a state file that others have mapped.
+// permission bits minus execute, so that exactly those who may write the folder may post: with
+// the installed folder (0755, root's) only root posts. A file others may write that is shrunk or
+// emptied reads as zeros.
 //
 // After fork(2), the child keeps its check registrations and drops its dispatch ones (it has no
 // watcher thread); a new dispatch registration starts its own.
@@ -57,12 +61,13 @@ inline constexpr std::size_t kNotifyMaxNameLength = 255;
 // process first opens the name. Blocks only on the file system.
 uint32_t notify_register_check(const char* name, int* outToken);
 
-// Stores `state` as the name's state word: an atomic store into the shared mapping of the name's
-// file, no system call. Wakes nobody. Fails for a token whose file is not writable.
+// Stores `state` as the name's state word: an atomic store into the mapping, or one pwrite(2)
+// for a file others may write. Wakes nobody. Fails for a token whose
+// file is not writable.
 uint32_t notify_set_state(int token, uint64_t state);
 
-// The name's current state word (0 for a name never set), an atomic load. Works for check and
-// dispatch tokens.
+// The name's current state word (0 for a name never set, or for a file cut short). Works for check
+// and dispatch tokens.
 uint32_t notify_get_state(int token, uint64_t* outState);
 
 // Wakes every registration of `name` in every process: one pwrite(2) of a new post generation

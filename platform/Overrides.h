@@ -5,6 +5,7 @@
 #ifndef KELO_PLATFORM_OVERRIDES_H_
 #define KELO_PLATFORM_OVERRIDES_H_
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -18,9 +19,10 @@
 
 namespace kelo::platform {
 
-// File operations the library performs when it writes logs, preferences and notification
-// state. The default forwards to the system calls of the same name (with errno set on failure);
-// tests override single operations to inject failures (a full disk, a failing rename).
+// Every file operation of the library and its tools: the reads of bundles, preferences, device
+// answers and the energy report, the writes of logs, preferences and notification state. The
+// default forwards to the system calls of the same name (with errno set on failure); tests
+// override single operations to inject failures (a full disk, a failing rename, a failed read).
 class KELO_EXPORT FileSystem {
  public:
   virtual ~FileSystem();
@@ -31,6 +33,10 @@ class KELO_EXPORT FileSystem {
   virtual int rename(const char* from, const char* to);
   virtual int mkdir(const char* path, mode_t mode);
   virtual int unlink(const char* path);
+  virtual ssize_t read(int fd, void* data, size_t size);
+  virtual ssize_t pread(int fd, void* data, size_t size, off_t offset);
+  virtual ssize_t pwrite(int fd, const void* data, size_t size, off_t offset);
+  virtual int fstat(int fd, struct stat* st);
 };
 
 // The power-logging service: background work events and the energy report.

@@ -13,6 +13,7 @@
 
 #include "platform/Facts.h"
 #include "platform/Json.h"
+#include "platform/SafeFile.h"
 #include "platform/Singleton.h"
 
 namespace kelo::platform {
@@ -23,7 +24,7 @@ constexpr char kEventsPath[] = "/run/kelo/energy-events.jsonl";
 constexpr char kReportPath[] = "/run/kelo/energy-report.json";
 
 // Bits of FilePowerMonitor::warned_.
-enum Warning : int { kWarnOpen, kWarnLock, kWarnRotate, kWarnWrite, kWarnReport };
+enum Warning : int { kWarnLock, kWarnRotate, kWarnWrite, kWarnReport };
 
 // Rotations by other processes can make an append start over; it gives up after this many.
 constexpr int kAppendAttempts = 8;
@@ -48,27 +49,6 @@ std::string lineHead(const char* event) {
   line += event;
   line += '"';
   return line;
-}
-
-// Creates the folders above `path` that are missing, each with mode 0755.
-void makeParentFolders(const std::string& path) {
-  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    fileSystem().mkdir(path.substr(0, slash).c_str(), 0755);
-  }
-}
-
-bool writeAll(int fd, const std::string& data) {
-  const char* p = data.data();
-  std::size_t left = data.size();
-  while (left > 0) {
-    const ssize_t n = fileSystem().write(fd, p, left);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    left -= static_cast<std::size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace
@@ -120,12 +100,17 @@ void FilePowerMonitor::logEvent(const char* bundleId, int16_t type, uint64_t seq
 void FilePowerMonitor::stopAllEvents() { append(lineHead("stopAll") + "}\n"); }
 
 std::optional<Value> FilePowerMonitor::reportEnergy(const void* /*selector*/) {
-  const Value content = readJsonFile(reportPath_);
+  // A missing file is the ordinary "no report" (the power daemon has not written one yet), not
+  // worth a line. The daemon runs as root, so the report must be root's or this process's.
+  const JsonFile read = readJsonFile(reportPath_, kEnergyReportLimit, Owner::kSelfOrRoot);
+  if (read.missing) return std::nullopt;
+  if (!read.refused.empty()) {
+    platform::warnOnce(LOG_WARNING, "kelo: energy report not read: " + read.refused);
+    return std::nullopt;
+  }
+  const Value& content = read.value;
   if (content.isError()) {
-    // Line 0 means the file could not be read at all, usually because the power daemon has not
-    // written one yet: that is the ordinary "no report", not worth a line.
-    const Value::Error& e = content.asError();
-    if (e.line > 0) warnOnce(kWarnReport, "malformed energy report", reportPath_, 0);
+    warnOnce(kWarnReport, "malformed energy report", reportPath_, 0);
     return std::nullopt;
   }
   return reportFromJson(content);
@@ -171,13 +156,16 @@ void FilePowerMonitor::append(const std::string& line) {
   FileSystem& fs = fileSystem();
   const char* path = eventsPath_.c_str();
   for (int attempt = 0; attempt < kAppendAttempts; ++attempt) {
-    int fd = fs.open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    // A link, FIFO or folder in the journal's place is refused, never followed or waited on.
+    std::string error;
+    int fd = openForAppend(eventsPath_, 0644, Owner::kSelfOrRoot, &error);
     if (fd < 0 && errno == ENOENT) {
-      makeParentFolders(eventsPath_);
-      fd = fs.open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+      const std::size_t slash = eventsPath_.rfind('/');
+      if (slash != std::string::npos && slash > 0) makeFolders(eventsPath_.substr(0, slash), 0755);
+      fd = openForAppend(eventsPath_, 0644, Owner::kSelfOrRoot, &error);
     }
     if (fd < 0) {
-      warnOnce(kWarnOpen, "cannot open energy event journal", eventsPath_, errno);
+      platform::warnOnce(LOG_WARNING, "kelo: cannot open energy event journal " + error);
       return;
     }
     int rc;
@@ -190,8 +178,9 @@ void FilePowerMonitor::append(const std::string& line) {
     // then names the old journal, and the append starts over on the new one.
     struct stat held;
     struct stat named;
-    if (rc == 0 && ::fstat(fd, &held) == 0) {
-      if (::stat(path, &named) != 0 || named.st_ino != held.st_ino || named.st_dev != held.st_dev) {
+    if (rc == 0 && fs.fstat(fd, &held) == 0) {
+      if (::lstat(path, &named) != 0 || named.st_ino != held.st_ino ||
+          named.st_dev != held.st_dev) {
         fs.close(fd);
         continue;
       }
@@ -205,7 +194,7 @@ void FilePowerMonitor::append(const std::string& line) {
         warnOnce(kWarnRotate, "cannot rotate energy event journal", eventsPath_, errno);
       }
     }
-    if (!writeAll(fd, line)) {
+    if (!writeAll(fd, line.data(), line.size())) {
       warnOnce(kWarnWrite, "cannot write energy event journal", eventsPath_, errno);
     }
     fs.close(fd);

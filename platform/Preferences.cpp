@@ -15,6 +15,7 @@
 
 #include "platform/Facts.h"
 #include "platform/Json.h"
+#include "platform/SafeFile.h"
 
 namespace kelo::platform {
 
@@ -42,46 +43,15 @@ struct FileRead {
 // Reads and parses the domain file. A refusal is logged here; a malformed file is not, since
 // only the one who moves it aside reports it.
 FileRead readDomainFile(const std::string& path) {
-  FileSystem& fs = fileSystem();
   FileRead result;
-  const int fd = fs.open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0);
-  if (fd < 0) {
-    const int err = errno;
-    if (err == ENOENT) return result;
+  const ReadResult file = readFile(path, kPreferencesLimit, Owner::kSelf);
+  if (file.missing) return result;
+  if (!file.ok) {
     result.outcome = FileRead::kRefused;
-    report(LOG_WARNING, path, "preferences not read",
-           err == ELOOP ? std::string("a symbolic link") : std::string(std::strerror(err)));
+    warnOnce(LOG_WARNING, file.error + "; preferences not read");
     return result;
   }
-  struct stat st;
-  std::string why;
-  if (::fstat(fd, &st) != 0) {
-    why = std::strerror(errno);
-  } else if (!S_ISREG(st.st_mode)) {
-    why = "not a regular file";
-  } else if (st.st_uid != ::geteuid()) {
-    why = "owned by user " + std::to_string(st.st_uid) + ", not by this process's user";
-  }
-  std::string text;
-  if (why.empty()) {
-    char buffer[8192];
-    for (;;) {
-      const ssize_t n = ::read(fd, buffer, sizeof buffer);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        why = std::strerror(errno);
-        break;
-      }
-      if (n == 0) break;
-      text.append(buffer, static_cast<size_t>(n));
-    }
-  }
-  fs.close(fd);
-  if (!why.empty()) {
-    result.outcome = FileRead::kRefused;
-    report(LOG_WARNING, path, "preferences not read", why);
-    return result;
-  }
+  const std::string& text = file.data;
   Value parsed = parseJson(text, path);
   if (parsed.isError()) {
     result.outcome = FileRead::kMalformed;
@@ -131,7 +101,8 @@ bool makeFolder(const std::string& path) {
 class DomainLock {
  public:
   explicit DomainLock(const std::string& lockPath) {
-    fd_ = fileSystem().open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode);
+    fd_ = fileSystem().open(lockPath.c_str(),
+                            O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode);
     if (fd_ < 0) return;
     while (::flock(fd_, LOCK_EX) != 0) {
       if (errno != EINTR) {
@@ -154,20 +125,6 @@ class DomainLock {
   int fd_ = -1;
 };
 
-bool writeAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = fileSystem().write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      if (n == 0) errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 std::string temporaryPath(const std::string& folder, const std::string& name) {
   static std::atomic<uint64_t> counter{0};
   return folder + "/." + name + ".json." + std::to_string(::getpid()) + "." +
@@ -176,8 +133,8 @@ std::string temporaryPath(const std::string& folder, const std::string& name) {
 
 // Writes `text` as the new domain file, durably. Returns an empty string on success, else what
 // failed. Called with the domain's lock held.
-std::string replaceFile(const std::string& folder, const std::string& name, const std::string& path,
-                        const std::string& text) {
+std::string replaceDomainFile(const std::string& folder, const std::string& name,
+                              const std::string& path, const std::string& text) {
   FileSystem& fs = fileSystem();
   const std::string tmp = temporaryPath(folder, name);
   const int fd =
@@ -186,7 +143,7 @@ std::string replaceFile(const std::string& folder, const std::string& name, cons
   std::string failure;
   // The umask must not take the group's and others' read right: other processes read domains.
   if (::fchmod(fd, kFileMode) != 0) failure = std::string("chmod: ") + std::strerror(errno);
-  if (failure.empty() && !writeAll(fd, text)) {
+  if (failure.empty() && !writeAll(fd, text.data(), text.size())) {
     failure = std::string("write: ") + std::strerror(errno);
   }
   if (failure.empty() && fs.fsync(fd) != 0) failure = std::string("fsync: ") + std::strerror(errno);
@@ -324,7 +281,7 @@ bool PreferencesDomain::synchronize() {
       merged.erase(key);
     }
   }
-  const std::string failure = replaceFile(
+  const std::string failure = replaceDomainFile(
       directory_, name_, path_, toJson(Value::dictionary(std::move(merged)), true) + "\n");
   if (!failure.empty()) {
     report(LOG_WARNING, path_, "preferences not written", failure);

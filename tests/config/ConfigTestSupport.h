@@ -43,7 +43,7 @@ inline void writeDomainFile(const Sandbox& sandbox, const std::string& domain,
 
 // The parsed domain file (an error value when it is missing or malformed).
 inline Value readDomainFile(const Sandbox& sandbox, const std::string& domain) {
-  return platform::readJsonFile(domainFile(sandbox, domain));
+  return Sandbox::readJson(domainFile(sandbox, domain));
 }
 
 // Switches the detailed logger on and returns once the switch ran (a line write waits for every

@@ -108,7 +108,7 @@ TEST_F(KeloConfiguratorTest, ShippedBundleSuppliesEveryKeyWithTheModelEntryOnTop
   }
   EXPECT_TRUE(missingLines().empty());
   EXPECT_GT(c->getStateFor("globalPowerBudget"), 0);
-  const Value info = platform::readJsonFile(test::shippedBundleDirectory() + "/Info.json");
+  const Value info = test::Sandbox::readJson(test::shippedBundleDirectory() + "/Info.json");
   const Value* model = info.find("productSpecific")->find("x86_64");
   ASSERT_NE(model, nullptr);
   EXPECT_EQ(c->getStateFor("maxFetchApps"),

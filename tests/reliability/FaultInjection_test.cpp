@@ -181,14 +181,14 @@ TEST(PreferencesFaults, AFailedStepKeepsTheOldFileAndTheChangeStagedWithoutLefto
   }
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_TRUE(domain->synchronize());
-  EXPECT_EQ(platform::readJsonFile(domain->path()),
+  EXPECT_EQ(test::Sandbox::readJson(domain->path()),
             Value::dictionary({{"level", Value::integer(2)}}));
 
   // Short writes are not failures: a device taking one byte per call still gets the whole file.
   s.files->fail(Op::kWrite, 0, ".tmp", 1);
   EXPECT_TRUE(domain->write("level", Value::integer(3)));
   s.files->heal();
-  EXPECT_EQ(platform::readJsonFile(domain->path()),
+  EXPECT_EQ(test::Sandbox::readJson(domain->path()),
             Value::dictionary({{"level", Value::integer(3)}}));
 }
 
@@ -202,7 +202,7 @@ TEST(PreferencesFaults, AFolderThatCannotBeMadeFailsTheWriteUntilItCanBe) {
   EXPECT_EQ(domain->contents().find("k")->integerValue(), 7) << "kept staged";
   s.files->heal();
   EXPECT_TRUE(domain->synchronize());
-  EXPECT_EQ(platform::readJsonFile(domain->path()), Value::dictionary({{"k", Value::integer(7)}}));
+  EXPECT_EQ(test::Sandbox::readJson(domain->path()), Value::dictionary({{"k", Value::integer(7)}}));
 }
 
 // The writer is killed before its 1st, 2nd, ... file operation until one write runs to its end.
@@ -236,7 +236,7 @@ TEST(PreferencesFaults, AWriterKilledAtAnyStepLeavesTheOldOrTheNewValueAndNoLeft
     completed = code == 0;
     if (!completed) killedBefore.insert(FaultyFileSystem::name(static_cast<Op>(code - kKilled)));
 
-    const Value file = platform::readJsonFile(domain->path());
+    const Value file = test::Sandbox::readJson(domain->path());
     ASSERT_TRUE(file.isDictionary()) << Sandbox::readFile(domain->path());
     ASSERT_NE(file.find("other"), nullptr);
     EXPECT_EQ(file.find("other")->asString(), "kept");

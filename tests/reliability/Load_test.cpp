@@ -131,7 +131,7 @@ class LoadTest : public ::testing::Test {
 };
 
 TEST_F(LoadTest, EightThreadsCallingEverythingLoseNothingAndTearNothing) {
-  const Value info = platform::readJsonFile(test::shippedBundleDirectory() + "/Info.json");
+  const Value info = test::Sandbox::readJson(test::shippedBundleDirectory() + "/Info.json");
   budgets_["globalPowerBudget"] = {
       getStateForC("globalPowerBudget"),
       info.find("commonDefaults")->find("globalPowerBudget")->integerValue()};

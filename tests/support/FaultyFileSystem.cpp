@@ -16,8 +16,8 @@ int failed(int error) {
 }  // namespace
 
 const char* FaultyFileSystem::name(Op op) {
-  static const char* const kNames[] = {"open", "write", "fsync", "close", "rename", "mkdir",
-                                       "unlink"};
+  static const char* const kNames[] = {"open",  "write",  "fsync", "close", "rename",
+                                       "mkdir", "unlink", "read",  "fstat"};
   return kNames[static_cast<int>(op)];
 }
 
@@ -80,8 +80,8 @@ ssize_t FaultyFileSystem::write(int fd, const void* data, size_t size) {
   const int error = enter(Op::kWrite, pathOf(fd), "", &allowed);
   if (error == 0) return FileSystem::write(fd, data, allowed > 0 ? std::min(size, allowed) : size);
   // The bytes that still fit go through; the write after them finds the disk full.
-  const ssize_t n = allowed > 0 && size > 0 ? FileSystem::write(fd, data, std::min(size, allowed))
-                                            : 0;
+  const ssize_t n =
+      allowed > 0 && size > 0 ? FileSystem::write(fd, data, std::min(size, allowed)) : 0;
   return n > 0 ? n : failed(error);
 }
 
@@ -114,6 +114,26 @@ int FaultyFileSystem::mkdir(const char* path, mode_t mode) {
 int FaultyFileSystem::unlink(const char* path) {
   const int error = enter(Op::kUnlink, path);
   return error != 0 ? failed(error) : FileSystem::unlink(path);
+}
+
+ssize_t FaultyFileSystem::read(int fd, void* data, size_t size) {
+  const int error = enter(Op::kRead, pathOf(fd));
+  return error != 0 ? failed(error) : FileSystem::read(fd, data, size);
+}
+
+ssize_t FaultyFileSystem::pread(int fd, void* data, size_t size, off_t offset) {
+  const int error = enter(Op::kRead, pathOf(fd));
+  return error != 0 ? failed(error) : FileSystem::pread(fd, data, size, offset);
+}
+
+ssize_t FaultyFileSystem::pwrite(int fd, const void* data, size_t size, off_t offset) {
+  const int error = enter(Op::kWrite, pathOf(fd));
+  return error != 0 ? failed(error) : FileSystem::pwrite(fd, data, size, offset);
+}
+
+int FaultyFileSystem::fstat(int fd, struct stat* st) {
+  const int error = enter(Op::kFstat, pathOf(fd));
+  return error != 0 ? failed(error) : FileSystem::fstat(fd, st);
 }
 
 }  // namespace kelo::test

@@ -18,7 +18,7 @@ namespace kelo::test {
 
 class FaultyFileSystem : public kelo::platform::FileSystem {
  public:
-  enum class Op { kOpen, kWrite, kFsync, kClose, kRename, kMkdir, kUnlink };
+  enum class Op { kOpen, kWrite, kFsync, kClose, kRename, kMkdir, kUnlink, kRead, kFstat };
   static const char* name(Op op);
 
   // From now on every `op` on a path containing `pathPart` (the empty string matches every path)
@@ -41,6 +41,11 @@ class FaultyFileSystem : public kelo::platform::FileSystem {
   int rename(const char* from, const char* to) override;
   int mkdir(const char* path, mode_t mode) override;
   int unlink(const char* path) override;
+  // kRead covers read and pread, kWrite also pwrite.
+  ssize_t read(int fd, void* data, size_t size) override;
+  ssize_t pread(int fd, void* data, size_t size, off_t offset) override;
+  ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) override;
+  int fstat(int fd, struct stat* st) override;
 
  private:
   struct Fault {

@@ -7,6 +7,9 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
+
+#include "platform/Json.h"
 
 namespace kelo::test {
 
@@ -68,6 +71,12 @@ void Sandbox::writeFile(const std::string& path, const std::string& content) {
   fs::create_directories(fs::path(path).parent_path());
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << content;
+}
+
+Value Sandbox::readJson(const std::string& path) {
+  platform::JsonFile file = platform::readJsonFile(path, std::size_t{64} << 20);
+  if (file.missing || !file.refused.empty()) return Value::error("not read", path);
+  return std::move(file.value);
 }
 
 std::string Sandbox::readFile(const std::string& path) {

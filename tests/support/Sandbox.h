@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kelo/Overrides.h"
+#include "kelo/Value.h"
 
 namespace kelo::test {
 
@@ -57,6 +58,8 @@ class Sandbox {
   // Writes a file (creating its folders) with the given content.
   static void writeFile(const std::string& path, const std::string& content);
   static std::string readFile(const std::string& path);
+  // The parsed JSON file; an error value when it is missing, refused or malformed.
+  static Value readJson(const std::string& path);
   static bool exists(const std::string& path);
   // Lines of a file, each without its newline.
   static std::vector<std::string> readLines(const std::string& path);

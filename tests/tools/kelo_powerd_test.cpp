@@ -152,13 +152,13 @@ TEST_F(PowerdTest, HostileTreesGetAMessageNamingThePath) {
        },
        0, "energy-events.jsonl: is a symbolic link"},
       {"JournalIsAFifo", [&](FakeDevice& d) { fifo(d.journalPath()); }, 0,
-       "energy-events.jsonl: is not a regular file"},
+       "energy-events.jsonl: is a FIFO, not a regular file"},
       {"StateIsAFifo",
        [&](FakeDevice& d) {
          Sandbox::writeFile(d.statePath(), "");
          fifo(d.statePath());
        },
-       0, "powerd-state.json: is not a regular file; moved aside"},
+       0, "powerd-state.json: is a FIFO, not a regular file; moved aside"},
       {"ReportFolderIsAFile",
        [](FakeDevice& d) {
          std::filesystem::remove_all(d.root() + "/run/kelo");

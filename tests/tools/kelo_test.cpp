@@ -42,7 +42,7 @@ class KeloToolTest : public ::testing::Test {
     return runTool(args);
   }
 
-  Value bundleInfo() { return platform::readJsonFile(bundleDir_ + "/Info.json"); }
+  Value bundleInfo() { return test::Sandbox::readJson(bundleDir_ + "/Info.json"); }
 
   Sandbox sandbox_;
   std::string bundleDir_;

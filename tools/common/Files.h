@@ -1,8 +1,7 @@
-// Small file helpers for the command-line tools.
+// Small file helpers for the command-line tools, on top of platform/SafeFile.h.
 #ifndef KELO_TOOLS_COMMON_FILES_H_
 #define KELO_TOOLS_COMMON_FILES_H_
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,11 +9,8 @@ namespace kelo::tools {
 
 // The folder holding the running executable.
 std::string executableDirectory();
-// The whole file, or nullopt when it cannot be read.
-std::optional<std::string> readFile(const std::string& path);
-// The last `count` lines of a file (without their newlines).
-std::vector<std::string> lastLines(const std::string& path, std::size_t count);
-// Files in `directory` whose names end with `suffix`, sorted by name.
+// Files in `directory` whose names end with `suffix`, sorted by name (platform::listFolder: a
+// link in place of the folder is not listed).
 std::vector<std::string> filesEndingWith(const std::string& directory, const std::string& suffix);
 
 }  // namespace kelo::tools

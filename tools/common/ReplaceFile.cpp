@@ -1,39 +1,23 @@
 #include "tools/common/ReplaceFile.h"
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
+#include "platform/SafeFile.h"
 
 namespace kelo::tools {
 
 bool replaceFile(const std::string& path, const std::string& text, std::string* error) {
-  const std::string temporary = path + ".tmp." + std::to_string(getpid());
-  const int fd =
-      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    *error = "cannot write " + temporary + ": " + std::strerror(errno);
+  // The tools write where they are told: a missing folder is the caller's mistake, not made.
+  const std::size_t slash = path.rfind('/');
+  const std::string folder =
+      slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  struct stat st;
+  if (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    *error = "cannot write " + path + ": " + folder + " is not a folder";
     return false;
   }
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  int reason = done == text.size() ? 0 : (errno != 0 ? errno : EIO);
-  if (reason == 0 && ::fsync(fd) != 0) reason = errno;
-  if (::close(fd) != 0 && reason == 0) reason = errno;
-  if (reason == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) reason = errno;
-  if (reason != 0) {
-    *error = "cannot write " + path + ": " + std::strerror(reason);
-    ::unlink(temporary.c_str());
-    return false;
-  }
-  return true;
+  *error = platform::replaceFile(path, text, 0644);
+  return error->empty();
 }
 
 }  // namespace kelo::tools

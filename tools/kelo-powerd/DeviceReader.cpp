@@ -8,9 +8,14 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/kelo-powerd/Files.h"
+#include "platform/SafeFile.h"
 
 namespace kelo::powerd {
+
+using platform::listFolder;
+using platform::readFile;
+using platform::readHead;
+using platform::ReadResult;
 
 namespace {
 

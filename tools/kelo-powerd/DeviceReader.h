@@ -1,7 +1,7 @@
 // What kelo-powerd measures, behind one narrow interface: the attribution reads the device only
 // through DeviceReader, so a benchmark or a test can hand it any device. RootReader reads the
 // kernel's files under a device root ("/" on a real machine, a fake tree in tests), each through
-// the bounded, non-blocking reads of Files.h.
+// the bounded, non-blocking reads of platform/SafeFile.h.
 #ifndef KELO_TOOLS_KELO_POWERD_DEVICEREADER_H_
 #define KELO_TOOLS_KELO_POWERD_DEVICEREADER_H_
 

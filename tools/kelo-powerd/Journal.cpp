@@ -1,8 +1,13 @@
 #include "tools/kelo-powerd/Journal.h"
 
-#include "tools/kelo-powerd/Files.h"
+#include "platform/SafeFile.h"
 
 namespace kelo::powerd {
+
+using platform::FileIdentity;
+using platform::identify;
+using platform::readRange;
+using platform::ReadResult;
 
 namespace {
 

@@ -6,12 +6,20 @@
 
 #include "kelo/Value.h"
 #include "platform/Json.h"
+#include "platform/SafeFile.h"
 #include "tools/kelo-powerd/Events.h"
-#include "tools/kelo-powerd/Files.h"
 #include "tools/kelo-powerd/Journal.h"
 #include "tools/kelo-powerd/Outputs.h"
 
 namespace kelo::powerd {
+
+using platform::kEnergyReportLimit;
+using platform::kStateFileLimit;
+using platform::moveAside;
+using platform::Owner;
+using platform::readFile;
+using platform::ReadResult;
+using platform::replaceFile;
 
 namespace {
 
@@ -39,7 +47,7 @@ PowerDaemon::PowerDaemon(Settings settings, DeviceReader& reader, Warn warn)
                         : underRoot(settings_.textfileFolder, "/kelo_energy.prom")) {}
 
 void PowerDaemon::open(double now) {
-  const ReadResult file = readFile(statePath_, kStateFileLimit);
+  const ReadResult file = readFile(statePath_, kStateFileLimit, Owner::kSelf);
   if (file.ok) {
     std::string error;
     if (std::optional<State> state = stateFromJson(file.data, &error)) {
@@ -60,7 +68,7 @@ void PowerDaemon::beginEpoch(double now) {
   state_.referenceDate = static_cast<int64_t>(std::floor(now));
   // Within the same second as the last epoch's start, or with the clock set back, the date must
   // still change: it is how the library learns that the counters restarted.
-  const ReadResult previous = readFile(reportPath_, kStateFileLimit);
+  const ReadResult previous = readFile(reportPath_, kEnergyReportLimit);
   if (previous.ok) {
     const Value report = platform::parseJson(previous.data);
     const Value* date = report.find("BLMEnergyReferenceDate");

@@ -26,8 +26,6 @@ namespace kelo::powerd {
 // Journal bytes read per sample: two full journals (the library rotates past 1 MiB). A larger
 // backlog is read over the following samples.
 inline constexpr std::size_t kJournalReadLimit = std::size_t{2} << 20;
-// The state and report files hold at most the limits' worth of entries; larger files are refused.
-inline constexpr std::size_t kStateFileLimit = std::size_t{16} << 20;
 
 struct Settings {
   std::string root = "/";

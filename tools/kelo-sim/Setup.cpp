@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <thread>
 
@@ -14,6 +13,7 @@
 #include "kelo/KeloLogger.h"
 #include "kelo/logging.h"
 #include "platform/Preferences.h"
+#include "platform/SafeFile.h"
 #include "tools/common/KeyNames.h"
 
 extern char** environ;
@@ -49,7 +49,12 @@ bool prepareRoot(const Options& options, std::string* error) {
     *error = "cannot create " + options.root + ": " + ec.message();
     return false;
   }
-  std::ofstream(root / kRootMarker) << "made by kelo-sim; cleared by its next run\n";
+  if (std::string failure = platform::replaceFile((root / kRootMarker).string(),
+                                                  "made by kelo-sim; cleared by its next run\n", 0644);
+      !failure.empty()) {
+    *error = failure;
+    return false;
+  }
   if (!fs::exists(fs::path(options.bundleSource) / "Info.json", ec)) {
     *error = "no configuration bundle at " + options.bundleSource + " (give one with --bundle)";
     return false;
@@ -61,8 +66,12 @@ bool prepareRoot(const Options& options, std::string* error) {
     *error = "cannot copy the bundle into the root: " + ec.message();
     return false;
   }
-  fs::create_directories(root / "etc/kelo", ec);
-  std::ofstream(root / "etc/kelo/device.json") << "{\"InternalBuild\": true}\n";
+  if (std::string failure = platform::replaceFile((root / "etc/kelo/device.json").string(),
+                                                  "{\"InternalBuild\": true}\n", 0644);
+      !failure.empty()) {
+    *error = failure;
+    return false;
+  }
   fs::create_directories(root / "home", ec);
   if (access(options.keloTool.c_str(), X_OK) != 0) {
     *error = "the kelo tool is not at " + options.keloTool + " (give it with --kelo)";

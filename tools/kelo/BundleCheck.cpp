@@ -188,7 +188,13 @@ BundleCheck checkBundle(const std::string& path) {
   result.found = true;
   Checker check(result.findings);
 
-  const Value info = platform::readJsonFile(result.infoPath);
+  const platform::JsonFile read =
+      platform::readJsonFile(result.infoPath, platform::kBundleInfoLimit);
+  if (!read.refused.empty()) {
+    check.error("Info.json", read.refused + " (the configurator would read an empty dictionary)");
+    return result;
+  }
+  const Value& info = read.value;
   if (info.isError()) {
     const Value::Error& e = info.asError();
     check.error("Info.json", "not readable as JSON at line " + std::to_string(e.line) +

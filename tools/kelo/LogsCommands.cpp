@@ -4,10 +4,13 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <thread>
+#include <vector>
 
 #include "platform/Facts.h"
 #include "platform/Json.h"
+#include "platform/SafeFile.h"
 #include "tools/common/Files.h"
 #include "tools/kelo/Commands.h"
 
@@ -31,50 +34,36 @@ std::vector<std::string> liveLogs() {
 
 // Prints what is appended to `path`. By name, it also reopens the path when the file there is
 // replaced (rotation) or truncated, and waits for a path that does not exist yet, as tail -F.
-// Runs until the process is stopped.
+// Reads go through the file layer: a link or FIFO put at the path is never read. Runs until the
+// process is stopped.
 int followLog(const std::string& path, bool byName, bool existed) {
-  FILE* f = nullptr;
-  ino_t inode = 0;
-  dev_t device = 0;
-  long position = 0;
-  auto open = [&](bool atEnd) {
-    struct stat st;
-    FILE* next = std::fopen(path.c_str(), "rb");
-    if (next == nullptr || ::fstat(fileno(next), &st) != 0) {
-      if (next != nullptr) std::fclose(next);
-      return false;
-    }
-    if (f != nullptr) std::fclose(f);
-    f = next;
-    inode = st.st_ino;
-    device = st.st_dev;
-    if (atEnd) std::fseek(f, 0, SEEK_END);
-    position = std::ftell(f);
-    return true;
-  };
-  if (existed && !open(true) && !byName) return fail(kExitFailure, "cannot read " + path);
-  char buffer[4096];
+  std::optional<platform::FileIdentity> file;
+  uint64_t offset = 0;
+  if (existed) {
+    file = platform::identify(path);
+    if (!file && !byName) return fail(kExitFailure, "cannot read " + path);
+    if (file) offset = file->size;
+  }
   for (;;) {
-    if (f != nullptr) {
-      const size_t n = std::fread(buffer, 1, sizeof buffer, f);
-      if (n > 0) {
-        std::fwrite(buffer, 1, n, stdout);
+    if (file) {
+      bool same = false;
+      const platform::ReadResult chunk = platform::readRange(path, *file, offset, 65536, &same);
+      if (same && !chunk.data.empty()) {
+        std::fwrite(chunk.data.data(), 1, chunk.data.size(), stdout);
         std::fflush(stdout);
-        position += static_cast<long>(n);
+        offset += chunk.data.size();
         continue;
       }
-      std::clearerr(f);
     }
     if (byName) {
-      struct stat st;
-      if (::stat(path.c_str(), &st) == 0) {
-        if (f == nullptr || st.st_ino != inode || st.st_dev != device) {
-          open(false);  // a new file at the path: from its start (the old one was drained)
+      if (const std::optional<platform::FileIdentity> now = platform::identify(path)) {
+        if (!file || now->inode != file->inode || now->device != file->device) {
+          file = now;  // a new file at the path: from its start
+          offset = 0;
           continue;
         }
-        if (st.st_size < position) {  // truncated in place
-          std::fseek(f, 0, SEEK_SET);
-          position = 0;
+        if (now->size < offset) {  // truncated in place
+          offset = 0;
           continue;
         }
       }
@@ -144,9 +133,11 @@ int logsTail(const Context& context, bool follow, bool byName, int lines,
                                    : "no live log at " + path);
   }
   if (exists) {
-    for (const std::string& line : tools::lastLines(path, static_cast<std::size_t>(lines))) {
-      std::printf("%s\n", line.c_str());
-    }
+    std::vector<std::string> tail;
+    const platform::ReadResult read =
+        platform::lastLines(path, static_cast<std::size_t>(lines), platform::kLogReadLimit, &tail);
+    if (!read.ok) return fail(kExitFailure, read.error);
+    for (const std::string& line : tail) std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   }
   if (!follow) return kExitOk;
