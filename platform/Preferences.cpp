@@ -324,6 +324,12 @@ bool PreferencesDomain::synchronize() {
       merged.erase(key);
     }
   }
+  // The file already says all of it (a daemon restarting writes the values it wrote last time):
+  // nothing to replace, and no sync to wait for.
+  if (current.outcome == FileRead::kOk && merged == current.dictionary.asDictionary()) {
+    pending_.clear();
+    return true;
+  }
   const std::string failure = replaceFile(
       directory_, name_, path_, toJson(Value::dictionary(std::move(merged)), true) + "\n");
   if (!failure.empty()) {
