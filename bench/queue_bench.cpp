@@ -1,9 +1,14 @@
 // Serial queue costs beside their limit and the naive design, in one run:
-//   post                       vs  a mutex-guarded std::deque push (the peer)
+//   post                       vs  a mutex-guarded std::deque push (the peer), on an idle
+//                                  machine, beside one busy competing process, and from 2 threads
 //   post-and-wait, idle queue  vs  a std::mutex lock/unlock pair around a direct call (the limit)
 //                              and a mutex + condition-variable handoff to a worker (naive design)
 #include <benchmark/benchmark.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -42,6 +47,64 @@ void BM_MutexDequePush(benchmark::State& state) {
   benchmark::DoNotOptimize(counter);
 }
 BENCHMARK(BM_MutexDequePush);
+
+// A process that keeps one processor busy for as long as it lives, as a competing build would.
+class BusyProcess {
+ public:
+  BusyProcess() : pid_(::fork()) {
+    if (pid_ == 0) {
+      for (;;) asm volatile("" ::: "memory");
+    }
+  }
+  ~BusyProcess() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  BusyProcess(const BusyProcess&) = delete;
+  BusyProcess& operator=(const BusyProcess&) = delete;
+
+ private:
+  pid_t pid_;
+};
+
+void BM_QueuePostBusy(benchmark::State& state) {
+  const BusyProcess busy;
+  BM_QueuePost(state);
+}
+BENCHMARK(BM_QueuePostBusy);
+
+void BM_MutexDequePushBusy(benchmark::State& state) {
+  const BusyProcess busy;
+  BM_MutexDequePush(state);
+}
+BENCHMARK(BM_MutexDequePushBusy);
+
+// Two threads posting to one queue, and pushing into one mutex-guarded deque.
+SerialQueue* gSharedQueue = nullptr;
+std::mutex gSharedMutex;
+std::deque<std::function<void()>> gSharedDeque;
+std::atomic<int> gSharedCounter{0};
+
+void BM_QueuePostTwoThreads(benchmark::State& state) {
+  if (state.thread_index() == 0) gSharedQueue = new SerialQueue("bench.post2");
+  for (auto _ : state)
+    gSharedQueue->post([] { gSharedCounter.fetch_add(1, std::memory_order_relaxed); });
+  if (state.thread_index() == 0) {
+    delete gSharedQueue;  // runs what is left
+    gSharedQueue = nullptr;
+  }
+}
+BENCHMARK(BM_QueuePostTwoThreads)->Threads(2)->UseRealTime();
+
+void BM_MutexDequePushTwoThreads(benchmark::State& state) {
+  for (auto _ : state) {
+    std::lock_guard<std::mutex> lock(gSharedMutex);
+    gSharedDeque.push_back([] { gSharedCounter.fetch_add(1, std::memory_order_relaxed); });
+    if (gSharedDeque.size() == 4096) gSharedDeque.clear();
+  }
+}
+BENCHMARK(BM_MutexDequePushTwoThreads)->Threads(2)->UseRealTime();
 
 // The peer with a consumer thread draining it, as a queue would have.
 void BM_MutexDequePushWithConsumer(benchmark::State& state) {

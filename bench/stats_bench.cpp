@@ -13,6 +13,7 @@
 #include <mutex>
 #include <new>
 
+#include "bench/ScratchFolder.h"
 #include "kelo/AppLaunchStatsCumu.h"
 #include "kelo/Overrides.h"
 #include "platform/SerialQueue.h"
@@ -101,11 +102,10 @@ BENCHMARK(BM_MutexIncrement)->Repetitions(9)->ReportAggregatesOnly(true);
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto home = std::filesystem::temp_directory_path() / "kelo-stats-bench";
-  std::filesystem::create_directories(home);
+  const kelo::bench::ScratchFolder home("kelo-stats-bench");
   kelo::platform::Overrides overrides;
-  overrides.homeDirectory = home.string();
-  overrides.deviceRoot = home.string();
+  overrides.homeDirectory = home.path();
+  overrides.deviceRoot = home.path();
   kelo::platform::installOverrides(std::move(overrides));
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/ScratchFolder.h"
 #include "kelo/AppLaunchStatsCumu.h"
 #include "kelo/Overrides.h"
 
@@ -189,11 +190,10 @@ BENCHMARK(BM_ScanLimit)->Unit(benchmark::kMillisecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-  const auto home = std::filesystem::temp_directory_path() / "kelo-zones-bench";
-  std::filesystem::create_directories(home);
+  const kelo::bench::ScratchFolder home("kelo-zones-bench");
   kelo::platform::Overrides overrides;
-  overrides.homeDirectory = home.string();
-  overrides.deviceRoot = home.string();
+  overrides.homeDirectory = home.path();
+  overrides.deviceRoot = home.path();
   overrides.clock = [] { return gScript.read(); };
   kelo::platform::installOverrides(std::move(overrides));
   recordBusyDay();

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <unordered_map>
 
@@ -103,6 +104,15 @@ bool prepareFile(const std::string& path, std::string* error) {
 
 enum class Op { kSet, kAdd };
 
+struct PendingOp {
+  Op op;
+  std::string key;
+  int64_t value;
+};
+
+// The operations of the calling thread's open batch, or null when none is open.
+thread_local std::vector<PendingOp>* tBatch = nullptr;
+
 // The default store. One connection, opened on first use and reopened after a failed open.
 class SqliteStore {
  public:
@@ -131,7 +141,50 @@ class SqliteStore {
     if (!episode.empty()) systemLog(LOG_WARNING, episode.c_str());
   }
 
+  // Writes `ops` in one transaction, after what was kept before; keeps them all when that fails.
+  void applyAll(const std::vector<PendingOp>& ops) {
+    if (ops.empty()) return;
+    std::string episode;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      std::string error;
+      if (flushLocked(&error) && executeAllLocked(ops, &error)) {
+        failing_ = false;
+        return;
+      }
+      for (const PendingOp& pending : ops) keepLocked(pending.op, pending.key, pending.value);
+      if (!failing_) {
+        failing_ = true;
+        episode = "metrics: cannot write " + path_ + " (" + error +
+                  "); keeping the values in memory and retrying";
+      }
+      startRetryLocked();
+    }
+    if (!episode.empty()) systemLog(LOG_WARNING, episode.c_str());
+  }
+
  private:
+  bool execLocked(const char* sql, std::string* error) {
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return true;
+    *error = sqlite3_errmsg(db_);
+    return false;
+  }
+
+  bool executeAllLocked(const std::vector<PendingOp>& ops, std::string* error) {
+    if (!openLocked(error)) return false;
+    timeoutMs_ = gBusyTimeoutMs.load(std::memory_order_relaxed);
+    if (!execLocked("BEGIN IMMEDIATE", error)) return false;
+    for (const PendingOp& pending : ops) {
+      if (!executeLocked(pending.op, pending.key, pending.value, error)) {
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        return false;
+      }
+    }
+    if (execLocked("COMMIT", error)) return true;
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    return false;
+  }
+
   // Operations not yet written. Several operations on one key fold into one with the same
   // effect (a set followed by adds is a set of the sum), so the list stays as small as the set
   // of keys however long the database stays out of reach.
@@ -288,10 +341,23 @@ void toSink(const char* what, Call call) noexcept {
 
 }  // namespace
 
+MetricsBatch::MetricsBatch() : outermost_(tBatch == nullptr) {
+  if (outermost_) tBatch = new (std::nothrow) std::vector<PendingOp>();
+}
+
+MetricsBatch::~MetricsBatch() {
+  if (!outermost_) return;
+  std::unique_ptr<std::vector<PendingOp>> ops(tBatch);
+  tBatch = nullptr;
+  if (ops) toSink("batch", [&] { SqliteStore::instance().applyAll(*ops); });
+}
+
 void CumuClientSetValueForScalarKey(const std::string& key, int64_t value) {
   toSink("setValue", [&] {
     if (std::shared_ptr<MetricsSink> sink = installedMetricsSink()) {
       sink->setValue(key, value);
+    } else if (tBatch != nullptr) {
+      tBatch->push_back({Op::kSet, key, value});
     } else {
       SqliteStore::instance().apply(Op::kSet, key, value);
     }
@@ -302,6 +368,8 @@ void CumuClientAddValueForScalarKey(const std::string& key, int64_t value) {
   toSink("addValue", [&] {
     if (std::shared_ptr<MetricsSink> sink = installedMetricsSink()) {
       sink->addValue(key, value);
+    } else if (tBatch != nullptr) {
+      tBatch->push_back({Op::kAdd, key, value});
     } else {
       SqliteStore::instance().apply(Op::kAdd, key, value);
     }

@@ -25,6 +25,22 @@ void CumuClientSetValueForScalarKey(const std::string& key, int64_t value);
 // Adds `value` to the key's total (a missing key counts as 0; the sum wraps at 64 bits).
 void CumuClientAddValueForScalarKey(const std::string& key, int64_t value);
 
+// While a batch lives, the operations its thread makes on the default store are gathered and
+// written when the batch ends, all in one transaction: durable together when the destructor
+// returns, at the cost of one commit instead of one per operation. A batch that cannot be written
+// is kept in memory and retried like a single operation. An installed MetricsSink still receives
+// each operation at once. Batches on one thread nest; the outermost one writes.
+class MetricsBatch {
+ public:
+  MetricsBatch();
+  ~MetricsBatch();
+  MetricsBatch(const MetricsBatch&) = delete;
+  MetricsBatch& operator=(const MetricsBatch&) = delete;
+
+ private:
+  bool outermost_;
+};
+
 // homeDirectory() + "/Library/Metrics/KeloMetrics.db".
 std::string metricsDatabasePath();
 

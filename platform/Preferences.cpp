@@ -248,11 +248,39 @@ void PreferencesDomain::setValue(const std::string& key, Value value) {
 
 void PreferencesDomain::removeValue(const std::string& key) { setValue(key, Value()); }
 
+namespace {
+
+// True when the file at `path` itself (a link is not followed) holds exactly `text`. Any doubt
+// (no file, a link, an error) is a no.
+bool fileHoldsText(const std::string& path, const std::string& text) {
+  const ReadResult read = readFile(path, text.size(), Owner::kSelf);
+  return read.ok && read.data == text;
+}
+
+}  // namespace
+
+bool PreferencesDomain::knownHoldsPendingLocked() const {
+  if (!known_) return false;
+  for (const auto& [key, change] : pending_) {
+    const auto it = known_->contents.find(key);
+    if (change ? it == known_->contents.end() || !(it->second == *change)
+               : it != known_->contents.end()) {
+      return false;
+    }
+  }
+  return fileHoldsText(path_, known_->text);
+}
+
 bool PreferencesDomain::synchronize() {
   // mutex_ stays held through the write so that two synchronize() calls on one handle cannot
   // interleave their staging and clearing.
   std::lock_guard<std::mutex> lock(mutex_);
   if (pending_.empty()) return true;
+  // The file is the one this handle last saw, untouched since, and says all of it already.
+  if (knownHoldsPendingLocked()) {
+    pending_.clear();
+    return true;
+  }
 
   const std::string library = directory_.substr(0, directory_.rfind('/'));
   if (!makeFolder(library) || !makeFolder(directory_)) {
@@ -281,13 +309,22 @@ bool PreferencesDomain::synchronize() {
       merged.erase(key);
     }
   }
-  const std::string failure = replaceDomainFile(
-      directory_, name_, path_, toJson(Value::dictionary(std::move(merged)), true) + "\n");
+  // The file already says all of it (a daemon restarting writes the values it wrote last time):
+  // nothing to replace, and no sync to wait for.
+  std::string text = toJson(Value::dictionary(merged), true) + "\n";
+  if (current.outcome == FileRead::kOk && merged == current.dictionary.asDictionary()) {
+    pending_.clear();
+    known_ = Known{std::move(text), std::move(merged)};
+    return true;
+  }
+  const std::string failure = replaceDomainFile(directory_, name_, path_, text);
   if (!failure.empty()) {
+    known_.reset();
     report(LOG_WARNING, path_, "preferences not written", failure);
     return false;
   }
   pending_.clear();
+  known_ = Known{std::move(text), std::move(merged)};
   return true;
 }
 

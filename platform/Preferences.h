@@ -74,6 +74,14 @@ class PreferencesDomain {
   mutable std::mutex mutex_;
   // Staged changes, guarded by mutex_; nullopt removes the key.
   std::map<std::string, std::optional<Value>> pending_;
+  // What this handle last found or left in the file, as text and as contents, guarded by
+  // mutex_: a synchronize() whose changes a file of the same text already holds writes nothing.
+  struct Known {
+    std::string text;
+    Value::Dictionary contents;
+  };
+  std::optional<Known> known_;
+  bool knownHoldsPendingLocked() const;
 };
 
 }  // namespace kelo::platform

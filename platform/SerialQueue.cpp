@@ -28,10 +28,17 @@ void pause(int n) {
 }
 
 // An idle worker polls its next slot for a while (some tens of microseconds) before it sleeps:
-// a burst of posts then finds it awake and pays no wake-up system call.
-constexpr int kIdlePolls = 1000;
+// a burst of posts then finds it awake and pays no wake-up system call. Between polls it yields
+// the processor, so that on a machine with more runnable threads than processors its polling
+// never holds up a poster (or anything else) waiting for one; on an idle machine a yield
+// returns at once.
+constexpr int kIdlePolls = 128;
+constexpr int kPollsPerFlagCheck = 4;
+
+// How long a worker waits for a caller running a task inline before it sleeps, in polls of
+// kPausesPerPoll pauses (some tens of microseconds).
+constexpr int kReleasePolls = 1000;
 constexpr int kPausesPerPoll = 2;
-constexpr int kPollsPerFlagCheck = 16;
 
 // How many slots ahead a poster asks for the line it will write.
 constexpr uint64_t kPrefetchAhead = 8;
@@ -219,7 +226,7 @@ bool SerialQueue::waitForWork() {
       if (spillPending_.load(std::memory_order_acquire)) return true;
       if (wake_.load(std::memory_order_acquire) != 0) break;
     }
-    pause(kPausesPerPoll);
+    std::this_thread::yield();
   }
   if (wake_.load(std::memory_order_acquire) == 0) {
     sleeping_.store(true, std::memory_order_seq_cst);
@@ -236,7 +243,7 @@ bool SerialQueue::waitForWork() {
 
 void SerialQueue::waitForRelease() {
   // A caller is running a task inline; it wakes the worker when it lets go with work left.
-  for (int i = 0; i < kIdlePolls; ++i) {
+  for (int i = 0; i < kReleasePolls; ++i) {
     if (running_.load(std::memory_order_acquire) == 0) return;
     pause(kPausesPerPoll);
   }

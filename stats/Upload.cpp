@@ -25,6 +25,8 @@ void setZone(const char* key, int64_t value) {
 
 void AppLaunchStatsCumu::uploadData() {
   const int32_t flags = hasStats_;
+  // Every key of the upload reaches the store in one transaction, when the function returns.
+  const platform::MetricsBatch batch;
 
   set("com.vorn.Kelo.totalNonDISCData", totalNonDiscDownload_);
   set("com.vorn.Kelo.totalNonDISCEnergy", totalNonDiscEnergy_);

@@ -60,6 +60,28 @@ TEST_F(PreferencesTest, StagedChangesReachTheFileOnlyWhenSynchronised) {
   EXPECT_TRUE(sandbox_.systemLines().empty());
 }
 
+// Writing what the file already holds leaves the file alone; a change made meanwhile through
+// another handle (another process) is never mistaken for it.
+TEST_F(PreferencesTest, UnchangedValuesAreNotRewrittenButOthersChangesAreSeen) {
+  auto domain = PreferencesDomain::open("com.example.b");
+  ASSERT_TRUE(domain->write("n", Value::integer(1)));
+  const auto inode = [&] {
+    struct stat st;
+    return ::stat(file("com.example.b").c_str(), &st) == 0 ? st.st_ino : 0;
+  };
+  const auto first = inode();
+  ASSERT_TRUE(domain->write("n", Value::integer(1)));
+  EXPECT_EQ(inode(), first) << "nothing changed: no new file";
+
+  ASSERT_TRUE(PreferencesDomain::open("com.example.b")->write("n", Value::integer(2)));
+  ASSERT_TRUE(domain->write("n", Value::integer(1)));
+  EXPECT_EQ(onDisk("com.example.b").find("n")->integerValue(), 1);
+
+  std::filesystem::remove(file("com.example.b"));
+  ASSERT_TRUE(domain->write("n", Value::integer(1)));
+  EXPECT_EQ(onDisk("com.example.b").find("n")->integerValue(), 1) << "a removed file is rewritten";
+}
+
 TEST_F(PreferencesTest, MalformedFileIsMovedAsideNeverOverwritten) {
   const std::string path = file("com.example.bad");
   const std::string garbage = "{\"kept\": 1,\n  oops}";

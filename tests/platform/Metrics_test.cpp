@@ -71,7 +71,8 @@ TEST_F(Metrics, SetReplacesAddAccumulatesAndTheReaderSortsByKey) {
 
 TEST_F(Metrics, ReadingSomethingThatIsNotAMetricsDatabaseSaysWhy) {
   const std::string missing = sandbox.homePath() + "/missing.db",
-                    text = sandbox.homePath() + "/text.db", other = sandbox.homePath() + "/other.db";
+                    text = sandbox.homePath() + "/text.db",
+                    other = sandbox.homePath() + "/other.db";
   test::Sandbox::writeFile(text, std::string(2000, 'x'));
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(other.c_str(), &db), SQLITE_OK);
@@ -149,6 +150,42 @@ TEST_F(Metrics, ValuesWrittenWhileLockedPastTheTimeoutArriveInOrderAfterwards) {
   CumuClientAddValueForScalarKey("seed", 1);
   EXPECT_EQ(stored("seed"), 13);
   EXPECT_EQ(sandbox.systemLines().size(), 2u) << "one line per failure episode";
+}
+
+// A batch writes its operations together when the outermost batch ends; one that finds the
+// database locked past the timeout keeps all of them, in order, and they arrive by themselves.
+TEST_F(Metrics, ABatchArrivesWholeWhenItEndsEvenAfterTheDatabaseWasLocked) {
+  CumuClientSetValueForScalarKey("seed", 1);
+  {
+    const MetricsBatch batch;
+    CumuClientAddValueForScalarKey("seed", 2);
+    {
+      const MetricsBatch inner;
+      CumuClientSetValueForScalarKey("level", 5);
+    }
+    EXPECT_EQ(stored("level"), std::nullopt) << "an inner batch leaves the writing to the outer";
+    CumuClientAddValueForScalarKey("level", 2);
+    EXPECT_EQ(stored("seed"), 1);
+  }
+  EXPECT_EQ(stored("seed"), 3);
+  EXPECT_EQ(stored("level"), 7);
+
+  setMetricsBusyTimeoutMs(20);
+  Locker locker(metricsDatabasePath());
+  ASSERT_TRUE(locker.lock());
+  {
+    const MetricsBatch batch;
+    CumuClientSetValueForScalarKey("level", 1);
+    CumuClientAddValueForScalarKey("level", 1);
+    CumuClientAddValueForScalarKey("seed", 10);
+  }
+  EXPECT_EQ(sandbox.systemLines().size(), 1u);
+  EXPECT_EQ(locker.release(), 0);
+  for (int i = 0; i < 100 && (stored("level") != 2 || stored("seed") != 13); ++i) {
+    std::this_thread::sleep_for(50ms);
+  }
+  EXPECT_EQ(stored("level"), 2);
+  EXPECT_EQ(stored("seed"), 13);
 }
 
 TEST_F(Metrics, AChildForkedWhileValuesAreKeptLeavesThemToItsParent) {
