@@ -349,7 +349,12 @@ MetricsBatch::~MetricsBatch() {
   if (!outermost_) return;
   std::unique_ptr<std::vector<PendingOp>> ops(tBatch);
   tBatch = nullptr;
-  if (ops) toSink("batch", [&] { SqliteStore::instance().applyAll(*ops); });
+  if (!ops) return;
+  try {
+    SqliteStore::instance().applyAll(*ops);
+  } catch (...) {
+    systemLog(LOG_ERR, "metrics: out of memory writing a batch of values; the batch is lost");
+  }
 }
 
 void CumuClientSetValueForScalarKey(const std::string& key, int64_t value) {

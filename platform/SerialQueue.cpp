@@ -264,10 +264,14 @@ void SerialQueue::takeOverflow(std::vector<Task>& into) {
 
 void SerialQueue::drain() {
   uint64_t head = head_.load(std::memory_order_relaxed);
+  // One look at the posters' line per batch: the worker runs what was claimed before it looked
+  // and then hands the queue back, rather than following a poster slot by slot over the line it
+  // is writing.
+  uint64_t batchEnd = tail_.load(std::memory_order_acquire) & ~kOverflowBit;
   int spins = 0;
   for (;;) {
     Slot& slot = ring_[head % kRingSize];
-    if (slot.published.load(std::memory_order_acquire) == head + 1) {
+    if (head != batchEnd && slot.published.load(std::memory_order_acquire) == head + 1) {
       slot.task();
       slot.task.reset();
       head_.store(++head, std::memory_order_release);
@@ -280,6 +284,7 @@ void SerialQueue::drain() {
     if (!spillPending_.load(std::memory_order_acquire)) return;
     const uint64_t tail = tail_.load(std::memory_order_acquire);
     if ((tail & ~kOverflowBit) != head) {  // slots claimed before the spill come first
+      batchEnd = tail & ~kOverflowBit;
       if (++spins > kSpinsBeforeYield) std::this_thread::yield();
       cpuRelax();
       continue;

@@ -72,7 +72,7 @@ void addHotPathRows(const Results& r, std::vector<Row>& rows) {
             {}};
     if (allPresent({ours, limit, peer})) {
       row.ratios =
-          fmt("%.2fx the limit's rate, ", *limit / *ours) + fmt("%.2fx the peer's", *peer / *ours);
+          fmt("%.3fx the limit's rate, ", *limit / *ours) + fmt("%.2fx the peer's", *peer / *ours);
       row.target = ">= 0.95x the limit, >= the peer";
       row.holds = *limit / *ours >= 0.95 && *peer / *ours >= 1.0;
     }
