@@ -122,37 +122,34 @@ class SqliteStore {
   }
 
   void apply(Op op, const std::string& key, int64_t value) {
-    std::string episode;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      std::string error;
-      if (flushLocked(&error) && executeLocked(op, key, value, &error)) {
-        failing_ = false;
-        return;
-      }
-      keepLocked(op, key, value);
-      if (!failing_) {
-        failing_ = true;
-        episode = "metrics: cannot write " + path_ + " (" + error +
-                  "); keeping the values in memory and retrying";
-      }
-      startRetryLocked();
-    }
-    if (!episode.empty()) systemLog(LOG_WARNING, episode.c_str());
+    writeOrKeep([&](std::string* error) { return executeLocked(op, key, value, error); },
+                [&] { keepLocked(op, key, value); });
   }
 
   // Writes `ops` in one transaction, after what was kept before; keeps them all when that fails.
   void applyAll(const std::vector<PendingOp>& ops) {
     if (ops.empty()) return;
+    writeOrKeep([&](std::string* error) { return executeAllLocked(ops, error); },
+                [&] {
+                  for (const PendingOp& pending : ops)
+                    keepLocked(pending.op, pending.key, pending.value);
+                });
+  }
+
+ private:
+  // Writes through `write` after what was kept before; on failure `keep` keeps it in memory, the
+  // first failure of an episode is reported and a retry is scheduled.
+  template <class Write, class Keep>
+  void writeOrKeep(Write write, Keep keep) {
     std::string episode;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       std::string error;
-      if (flushLocked(&error) && executeAllLocked(ops, &error)) {
+      if (flushLocked(&error) && write(&error)) {
         failing_ = false;
         return;
       }
-      for (const PendingOp& pending : ops) keepLocked(pending.op, pending.key, pending.value);
+      keep();
       if (!failing_) {
         failing_ = true;
         episode = "metrics: cannot write " + path_ + " (" + error +
@@ -163,7 +160,6 @@ class SqliteStore {
     if (!episode.empty()) systemLog(LOG_WARNING, episode.c_str());
   }
 
- private:
   bool execLocked(const char* sql, std::string* error) {
     if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return true;
     *error = sqlite3_errmsg(db_);
